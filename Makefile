@@ -1,0 +1,75 @@
+# Tarnwick UPnP SDK: the project's commands. See README.md.
+#   make test   configure, build and run every test inside a private loopback-only namespace
+#   make run    the main job (see README.md)
+#   make check  make test, then ASan+UBSan, the 32-bit ARM build under qemu, and short fuzz runs
+SHELL := /bin/sh
+JOBS ?= 2
+BUILD_TYPE ?= RelWithDebInfo
+WERROR ?= ON
+NETNS := sh scripts/netns-run.sh
+CTEST_ARGS ?= --output-on-failure -j$(JOBS)
+FUZZ_SECONDS ?= 20
+
+.PHONY: all deps build test run check asan tsan arm fuzz bench format clean
+
+all: build
+
+deps:
+	@sh scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DTW_WERROR=$(WERROR)
+	cmake --build build -j$(JOBS)
+
+test: build
+	$(NETNS) ctest --test-dir build $(CTEST_ARGS)
+
+run: build
+	@sh scripts/run-main.sh
+
+asan:
+	@sh scripts/install-deps.sh --check
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTW_WERROR=$(WERROR) -DTW_BUILD_EXAMPLES=OFF \
+	  -DCMAKE_C_FLAGS="-O1 -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all" \
+	  -DCMAKE_CXX_FLAGS="-O1 -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all" \
+	  -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined \
+	  -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined
+	cmake --build build-asan -j$(JOBS)
+	$(NETNS) ctest --test-dir build-asan $(CTEST_ARGS)
+
+tsan:
+	@sh scripts/install-deps.sh --check
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DTW_WERROR=$(WERROR) -DTW_BUILD_EXAMPLES=OFF \
+	  -DCMAKE_C_FLAGS="-O1 -fsanitize=thread -fno-omit-frame-pointer" \
+	  -DCMAKE_CXX_FLAGS="-O1 -fsanitize=thread -fno-omit-frame-pointer" \
+	  -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread
+	cmake --build build-tsan -j$(JOBS)
+	TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
+	  $(NETNS) ctest --test-dir build-tsan $(CTEST_ARGS)
+
+arm:
+	@sh scripts/install-deps.sh --check
+	cmake -S . -B build-arm -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake \
+	  -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DTW_WERROR=$(WERROR)
+	cmake --build build-arm -j$(JOBS)
+	$(NETNS) ctest --test-dir build-arm $(CTEST_ARGS)
+
+fuzz:
+	@sh scripts/install-deps.sh --check
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DTW_BUILD_FUZZ=ON -DTW_BUILD_TESTS=OFF -DTW_BUILD_EXAMPLES=OFF
+	cmake --build build-fuzz -j$(JOBS)
+	sh scripts/run-fuzz.sh build-fuzz $(FUZZ_SECONDS)
+
+bench:
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTW_BUILD_BENCH=ON -DTW_BUILD_TESTS=OFF
+	cmake --build build-bench -j$(JOBS)
+	sh scripts/run-bench.sh build-bench
+
+check: test asan tsan arm fuzz
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.c')
+
+clean:
+	rm -rf build build-asan build-tsan build-arm build-fuzz build-bench

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+// Test-only hooks into the accounted allocator (not exported from the shared library).
+#pragma once
+
+namespace tw::platform {
+
+// Makes exactly one allocation fail: the one `n` allocation calls from now (0 = the very next
+// malloc/calloc/realloc/strdup). A negative n, or ClearAllocFailure, switches injection off.
+// Returns through AllocFailureFired whether the planned failure has happened yet.
+void FailAllocAfter(int n) noexcept;
+void ClearAllocFailure() noexcept;
+bool AllocFailureFired() noexcept;
+
+}  // namespace tw::platform

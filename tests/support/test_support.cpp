@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/test_support.h"
+
+#include <net/if.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace tw::test {
+
+TempDir::TempDir() {
+  const char* base = std::getenv("TMPDIR");
+  std::string templ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/twtest.XXXXXX";
+  char* made = mkdtemp(templ.data());
+  if (made == nullptr) {
+    ADD_FAILURE() << "mkdtemp failed for " << templ;
+    return;
+  }
+  path_ = made;
+}
+
+TempDir::~TempDir() {
+  if (path_.empty()) return;
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool FileExists(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
+}
+
+bool InLoopbackOnlyNamespace() {
+  struct if_nameindex* names = if_nameindex();
+  if (names == nullptr) return false;
+  bool only_lo = true;
+  int count = 0;
+  for (struct if_nameindex* it = names; it->if_index != 0; ++it) {
+    ++count;
+    if (std::strcmp(it->if_name, "lo") != 0) only_lo = false;
+  }
+  if_freenameindex(names);
+  return only_lo && count == 1;
+}
+
+}  // namespace tw::test
