@@ -37,7 +37,7 @@ TEST(CriticalSection, OwnerReentersByDepthAndMustLeaveAsOften) {
   DeleteCriticalSection(&cs);
 }
 
-TEST(CriticalSection, ReentryAndForeignLeaveAreLoggedAsProblems) {
+TEST(CriticalSection, ReentryIsLoggedWithItsDepth) {
   ASSERT_EQ(upnp_log_init(nullptr), 1);
   upnp_log_set_mode(1);
   CRITICAL_SECTION cs;
@@ -55,6 +55,22 @@ TEST(CriticalSection, ReentryAndForeignLeaveAreLoggedAsProblems) {
       << out;
   EXPECT_NE(out.find("Thread entered critical section for the 3. time"), std::string::npos);
 
+  DeleteCriticalSection(&cs);
+  upnp_log_set_mode(0);
+  upnp_log_exit();
+}
+
+// Leaving from a thread that does not own the section releases the mutex all the same. That is
+// undefined for a POSIX mutex (glibc's normal mutex simply unlocks), so the thread sanitizer
+// rightly objects; the behaviour is checked in the other builds.
+TEST(CriticalSection, ForeignLeaveIsLoggedAndReleases) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "non-owner unlock is flagged by the thread sanitizer by design";
+#else
+  ASSERT_EQ(upnp_log_init(nullptr), 1);
+  upnp_log_set_mode(1);
+  CRITICAL_SECTION cs;
+  InitializeCriticalSection(&cs);
   EnterCriticalSection(&cs);
   testing::internal::CaptureStdout();
   std::thread([&] { LeaveCriticalSection(&cs); }).join();
@@ -62,10 +78,12 @@ TEST(CriticalSection, ReentryAndForeignLeaveAreLoggedAsProblems) {
   EXPECT_NE(foreign.find("Thread leaves critical section not owning"), std::string::npos);
   // Released anyway: this thread can take it again without blocking.
   EnterCriticalSection(&cs);
+  EXPECT_EQ(cs.depth, 0);
   LeaveCriticalSection(&cs);
   DeleteCriticalSection(&cs);
   upnp_log_set_mode(0);
   upnp_log_exit();
+#endif
 }
 
 TEST(CriticalSection, GuardReleasesOnScopeExit) {

@@ -63,7 +63,6 @@ TEST(Memory, ReallocAdjustsByDifferenceAndKeepsContent) {
 // The double subtraction leaves the process counter off for good, so the scenario runs in a
 // child process (gtest death-test fork) that reports through its exit code.
 TEST(Memory, FailedReallocUncountsOldBlockAndFreeSubtractsAgain) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
         const int32_t base = Used();

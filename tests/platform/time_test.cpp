@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "platform/time_internal.h"
+#include "support/test_support.h"
+#include "tarnwick/log.h"
+#include "tarnwick/platform.h"
+
+namespace {
+
+constexpr int64_t kRfcExample = 784111777;  // 1994-11-06 08:49:37 UTC, a Sunday
+constexpr int64_t kYear2100 = 4102444800;
+constexpr bool kWideTime = sizeof(time_t) == 8;
+
+std::string HttpDate(int64_t t) {
+  char buf[64];
+  return upnp_date_formatGMT(t, buf, sizeof buf);
+}
+
+TEST(PlatformTime, DurationsInMilliseconds) {
+  const std::pair<const char*, int64_t> cases[] = {{"1:02:03.5", 3723005},
+                                                   {"2", 7200000},
+                                                   {"0:00:01.250", 1250},
+                                                   {"1:30", 5400000},
+                                                   {"12:xx", 43200000},
+                                                   {"100:00:00", 360000000},
+                                                   {"", 0},
+                                                   {"abc", 0}};
+  for (const auto& [text, ms] : cases) {
+    EXPECT_EQ(upnp_convert_duration_string_to_numeric(text), ms) << text;
+  }
+  EXPECT_EQ(upnp_convert_duration_string_to_numeric(nullptr), 0);
+  const int64_t start = getSystemTime();  // the interval clock, in milliseconds
+  Sleep(30);
+  EXPECT_GE(getSystemTime() - start, 30);
+}
+
+// The once-a-day cache must give exactly what a full conversion gives, across midnights,
+// backwards jumps and before 1970.
+TEST(PlatformTime, HttpDatesWithAndWithoutTheDailyCache) {
+  EXPECT_EQ(HttpDate(kRfcExample), "Sun, 06 Nov 1994 08:49:37 GMT");
+  EXPECT_EQ(HttpDate(-1), "Wed, 31 Dec 1969 23:59:59 GMT");
+  std::vector<int64_t> times;
+  for (int64_t k = 0; k < 200; ++k) times.push_back(kRfcExample + k * 3607);
+  for (int64_t k = 0; k < 50; ++k) times.push_back(kRfcExample - k * 40000);
+  for (int64_t day : {-3, 0, 9000, 19000}) {
+    times.insert(times.end(), {day * 86400 - 1, day * 86400, day * 86400 + 86399});
+  }
+  for (int64_t t : times) {
+    char cached[64];
+    ASSERT_EQ(tw::platform::FormatHttpDateCached(t, cached, sizeof cached), cached);
+    EXPECT_EQ(cached, HttpDate(t)) << t;
+  }
+  char buf[40];
+  const int64_t before = static_cast<int64_t>(std::time(nullptr));
+  ASSERT_EQ(upnp_date_getGMT(buf, sizeof buf), buf);
+  EXPECT_TRUE(buf == HttpDate(before) || buf == HttpDate(before + 1)) << buf;
+  EXPECT_STREQ(upnp_date_formatGMT(kRfcExample, buf, 8), "Sun, 06") << "cut at the size";
+  EXPECT_EQ(upnp_date_formatGMT(kRfcExample, buf, 0), nullptr);
+  EXPECT_STREQ(upnp_time_convertToGMT(kRfcExample, buf, sizeof buf), "1994-11-06T08:49:37");
+  EXPECT_STREQ(upnp_date_convertToGMT(kRfcExample, buf, sizeof buf), "1994-11-06");
+  // After 2038, or the documented empty text where time_t has 32 bits.
+  upnp_date_formatGMT(kYear2100, buf, sizeof buf);
+  EXPECT_STREQ(buf, kWideTime ? "Fri, 01 Jan 2100 00:00:00 GMT" : "");
+  upnp_time_convertToGMT(int64_t{1} << 31, buf, sizeof buf);
+  EXPECT_STREQ(buf, kWideTime ? "2038-01-19T03:14:08" : "");
+}
+
+// Runs with TZ set to chosen zones; restores the old zone and forgets the learned offset.
+class PlatformTimeZone : public tw::test::LeakCheck {
+ protected:
+  void SetUp() override {
+    tw::test::LeakCheck::SetUp();
+    const char* old = std::getenv("TZ");
+    if (old != nullptr) old_tz_ = old;
+    had_tz_ = old != nullptr;
+  }
+  void TearDown() override {
+    if (had_tz_) setenv("TZ", old_tz_.c_str(), 1);
+    if (!had_tz_) unsetenv("TZ");
+    tzset();
+    tw::platform::ResetTimeZoneOffsetForTesting();
+    tw::test::LeakCheck::TearDown();
+  }
+  static void UseZone(const char* tz) {
+    setenv("TZ", tz, 1);
+    tzset();
+    tw::platform::ResetTimeZoneOffsetForTesting();
+  }
+  bool had_tz_ = false;
+  std::string old_tz_;
+};
+
+TEST_F(PlatformTimeZone, LocalTextsFollowTheZone) {
+  char buf[40];
+  for (const auto& [tz, hour_minute] : {std::pair<const char*, const char*>{"UTC0", "08:49"},
+                                        {"EST5", "03:49"},
+                                        {"<+0530>-5:30", "14:19"}}) {
+    UseZone(tz);
+    const std::string clock = std::string(hour_minute) + ":37";
+    EXPECT_EQ(upnp_format_time_to_localdate(kRfcExample, buf, sizeof buf), "1994-11-06T" + clock);
+    EXPECT_EQ(upnp_format_time_to_localtime(kRfcExample, buf, sizeof buf), clock);
+    EXPECT_EQ(tw::platform::FormatLogTimestamp(kRfcExample, 7, buf, sizeof buf), clock + ":007 ");
+  }
+  const std::string now = upnp_get_logging_timestamp(buf, sizeof buf);
+  EXPECT_TRUE(now.size() == 13 && now[8] == ':' && now[12] == ' ') << now;
+}
+
+TEST_F(PlatformTimeZone, ParsedDatesReadAsGmtInAnyZone) {
+  for (const char* tz : {"UTC0", "EST5EDT,M3.2.0,M11.1.0", "<+0530>-5:30", "<-10>10"}) {
+    UseZone(tz);
+    auto parse = upnp_convert_date_time_string_to_numeric;
+    EXPECT_EQ(parse("1994-11-06T08:49:37"), kRfcExample) << tz;
+    EXPECT_EQ(parse("1994-11-06 08:49:37.987"), kRfcExample) << tz;
+    EXPECT_EQ(parse("2024-07-01T12:00:00"), 1719835200) << tz << ": summer time must not shift";
+    EXPECT_EQ(parse("1994-11"), 783561600) << tz << ": a missing day counts 0 (31 October)";
+    if (kWideTime) {
+      EXPECT_EQ(parse("2100-01-01T00:00:00"), kYear2100) << tz;
+    }
+  }
+  EXPECT_EQ(upnp_convert_date_time_string_to_numeric(nullptr), 0);
+}
+
+TEST_F(PlatformTimeZone, OffsetIsLearnedOnceAndLogged) {
+  ASSERT_EQ(upnp_log_init(nullptr), 1);
+  upnp_log_set_mode(UPNP_LOG_SYSTEM);
+  const std::string text = "upnp_convert_date_time_string_to_numeric: Timezone offset is ";
+  for (const auto& [tz, offset, shown] :
+       {std::tuple<const char*, int32_t, const char*>{"EST5EDT,M3.2.0,M11.1.0", 18000, "5:00"},
+        {"<+0530>-5:30", -19800, "-5:30"}}) {
+    UseZone(tz);
+    EXPECT_EQ(g_timeZoneOffsetInSeconds, 1) << "1 means not yet known";
+    testing::internal::CaptureStdout();
+    upnp_convert_date_time_string_to_numeric("2000-01-01");
+    upnp_convert_date_time_string_to_numeric("2000-01-02");
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(g_timeZoneOffsetInSeconds, offset);
+    const size_t at = log.find(text + shown);
+    EXPECT_NE(at, std::string::npos) << log;
+    EXPECT_EQ(log.find(text, at + 1), std::string::npos) << "logged once";
+  }
+  upnp_log_set_mode(0);
+  upnp_log_exit();
+}
+
+}  // namespace
