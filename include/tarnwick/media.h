@@ -1,6 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Media files: file utilities, multi-part media files and the buffered binary and bit reader.
+ *
+ * Conventions of this family:
+ *  - Paths accept both "/" and "\\" as separators (and "x:" drive prefixes where noted).
+ *  - Text results are fresh heap strings; free them with upnp_free_impl. Null means null input
+ *    or memory shortage.
+ *  - File handles (upnp_file) and readers (upnp_file_b) are released with upnp_file_close and
+ *    upnp_file_close_b. Every call accepts null and answers with a neutral result.
+ *  - Sizes and positions are 64-bit on every platform (32-bit ARM included).
+ *  - No call takes a library lock; a handle or reader must be used by one thread at a time.
  */
 #ifndef TARNWICK_MEDIA_H
 #define TARNWICK_MEDIA_H
@@ -9,9 +18,148 @@
 #include <stdint.h>
 
 #include "tarnwick/export.h"
+#include "tarnwick/platform.h"
 #include "tarnwick/types.h"
 
 TW_EXTERN_C_BEGIN
+
+/* Buffered reader over an open file (upnp_file_*_b); opaque, freed by upnp_file_close_b. */
+typedef struct upnp_file_b upnp_file_b;
+
+/* Whence values of the seek calls. */
+#define UPNP_FILE_SEEK_SET 0
+#define UPNP_FILE_SEEK_CUR 1
+#define UPNP_FILE_SEEK_END 2
+
+/* ---- Paths ------------------------------------------------------------------------------- */
+
+/* A copy of path with every "\\" turned into "/"; null for null. */
+TW_API char* upnp_file_fullpath(const char* path) TW_NOEXCEPT;
+/* dir and name joined by exactly one "/": one trailing separator of dir and one leading
+ * separator of name are dropped first. Null when either is null or empty. */
+TW_API char* upnp_file_build_path(const char* dir, const char* name) TW_NOEXCEPT;
+/* Splits at the last separator: *dir gets the text before it, *name the text after it, left null
+ * when the separator ends the path. "x:\\name" keeps "x:\\" as dir. A path without a separator,
+ * a leading one aside, is returned whole in both. Both outputs start null; either may be a null
+ * pointer to skip it. Results are freed with upnp_free_impl. */
+TW_API void upnp_file_split_path(const char* path, char** dir, char** name) TW_NOEXCEPT;
+/* Creates every missing directory along path: 0, or -1 for a null or empty path or a directory
+ * that could not be created, which is logged. */
+TW_API int upnp_file_create_path(const char* path) TW_NOEXCEPT;
+/* 0 when path exists, else the result of upnp_file_create_path. */
+TW_API int upnp_file_ensure_path_exists(const char* path) TW_NOEXCEPT;
+/* 1 when path is a regular file, else 0. */
+TW_API int upnp_is_file(const char* path) TW_NOEXCEPT;
+/* 1 when path exists as a file, directory or anything else, else 0. */
+TW_API int upnp_file_exists(const char* path) TW_NOEXCEPT;
+
+/* ---- Directory trees --------------------------------------------------------------------- */
+
+/* Unlinks every entry the directory walk yields for dir; sub-directories are not removed.
+ * The directory walk skips names starting with '.' and "lost+found", so those stay here and in
+ * the tree removals below; a directory holding them is then not removed. */
+TW_API void upnp_file_empty_dir(const char* dir) TW_NOEXCEPT;
+/* Removes dir with everything below it. Links are removed, never followed. */
+TW_API void upnp_file_remove_dir_tree(const char* dir) TW_NOEXCEPT;
+/* Removes everything below dir and keeps dir itself. */
+TW_API void upnp_file_remove_dir_sub_tree(const char* dir) TW_NOEXCEPT;
+/* Returns at once; a background thread removes the tree of a copy of dir. Null or "" does
+ * nothing. Completion is not reported: poll upnp_file_exists. */
+TW_API void upnp_file_remove_dir_tree_background(const char* dir) TW_NOEXCEPT;
+
+/* ---- Files ------------------------------------------------------------------------------- */
+
+/* Opens for reading / writing / appending; the last two create a missing file with mode 0644,
+ * and writing does not truncate an existing one. Null when the path is null, the open fails or
+ * memory is short. Read and append handles know the size at open time. Close with
+ * upnp_file_close. */
+TW_API upnp_file* upnp_file_open_read(const char* path) TW_NOEXCEPT;
+TW_API upnp_file* upnp_file_open_write(const char* path) TW_NOEXCEPT;
+TW_API upnp_file* upnp_file_open_append(const char* path) TW_NOEXCEPT;
+/* Closes the descriptor and frees the handle with its part list; null is ignored. */
+TW_API void upnp_file_close(upnp_file* handle) TW_NOEXCEPT;
+/* Frees the handle and its part list but leaves the descriptor open; null is ignored. */
+TW_API void upnp_file_keep_open(upnp_file* handle) TW_NOEXCEPT;
+/* 1 when the current position is at or past the size known at open time, or for null; else 0. */
+TW_API int upnp_file_eof(upnp_file* handle) TW_NOEXCEPT;
+/* Reads one line of at most size - 1 bytes into buffer, keeping the line feed, NUL-terminated,
+ * and leaves the file just behind the line feed. buffer, or null at end of file, on a read error
+ * or for null arguments or size < 2. */
+TW_API char* upnp_file_gets(char* buffer, int32_t size, upnp_file* handle) TW_NOEXCEPT;
+/* Copies source to destination in blocks of 8192 bytes; an existing destination is replaced.
+ * 0, or -1 when a file cannot be opened or a read or write fails. */
+TW_API int upnp_file_copy(const char* source, const char* destination) TW_NOEXCEPT;
+
+/* ---- Media files ------------------------------------------------------------------------- */
+/*
+ * A media file may be one logical file stored as several consecutive part files. Open the first
+ * part with upnp_mediafile_open_read, then describe the whole logical file with
+ * upnp_mediafile_add_part, in order, starting with that first part. Once parts are listed, reads
+ * continue into the next part and seeks locate the right part; the handle's size becomes the sum
+ * of the part lengths.
+ */
+
+/* A handle on path with complete = 1 and position 0; null on failure. */
+TW_API upnp_file* upnp_mediafile_open_read(const char* path) TW_NOEXCEPT;
+/* Appends a part to the handle's list; path is copied, length is in bytes. 0, 2 for a null
+ * handle or path, 8 when memory is short, leaving the list unchanged. The first part added is
+ * taken to be the file the handle has open. */
+TW_API int upnp_mediafile_add_part(upnp_file* handle, const char* path, uint64_t length)
+    TW_NOEXCEPT;
+/* Fills stat for path: the stat result, 0 on success; when stat fails and the file can still be
+ * opened, 0 with the size the open found. -1 for null arguments. */
+TW_API int upnp_mediafile_stat(const char* path, upnp_stat* stat) TW_NOEXCEPT;
+/* Reads up to count bytes, continuing into the following parts: bytes read, 0 at the end; -1
+ * for a null handle, a null buffer with count > 0 or a failed read. An empty read of a handle
+ * that is not complete is retried once after 50 ms: the file may still be growing. */
+TW_API int32_t upnp_mediafile_read(upnp_file* handle, void* buffer, uint32_t count) TW_NOEXCEPT;
+/* Seeks in the logical file, whence UPNP_FILE_SEEK_*, opening the part that holds the target:
+ * the new position, or -1 for a null handle, a negative target or a failed seek or open. */
+TW_API int64_t upnp_mediafile_seek(upnp_file* handle, int64_t offset, int32_t whence)
+    TW_NOEXCEPT;
+
+/* ---- Buffered reader --------------------------------------------------------------------- */
+
+/* Opens path with a read buffer of buffer_size bytes, already filled; null when the path is null,
+ * buffer_size is 0, the open fails or memory is short. Close with upnp_file_close_b. */
+TW_API upnp_file_b* upnp_file_open_read_b(const char* path, uint32_t buffer_size) TW_NOEXCEPT;
+/* Closes the file and frees the reader; null is ignored. */
+TW_API void upnp_file_close_b(upnp_file_b* reader) TW_NOEXCEPT;
+/* Copies up to count bytes: the number delivered, short only at end of file; -1 for a null
+ * reader or a null buffer with count > 0. */
+TW_API int32_t upnp_file_read_b(upnp_file_b* reader, void* buffer, uint32_t count) TW_NOEXCEPT;
+/* The next byte, 0..255, or -1 at end of file or for null. */
+TW_API int32_t upnp_file_read_byte(upnp_file_b* reader) TW_NOEXCEPT;
+/* Reads the next non-empty line without its CR/LF into buffer, NUL-terminated: at most
+ * size - 1 bytes, the rest of a longer line stays for the next call. The length stored, or -1
+ * when the end of file came first, for null arguments or size < 2. */
+TW_API int32_t upnp_file_read_line_b(upnp_file_b* reader, char* buffer, uint32_t size)
+    TW_NOEXCEPT;
+/* The reader's logical position: file position less the bytes still buffered; -1 for null. */
+TW_API int64_t upnp_file_tell_b(upnp_file_b* reader) TW_NOEXCEPT;
+/* 1 when the logical position is at or past the size known at open time, or for null; else 0. */
+TW_API int upnp_file_eof_b(upnp_file_b* reader) TW_NOEXCEPT;
+/* Seeks, whence UPNP_FILE_SEEK_*, and drops any bits held by the bit reader: the new position;
+ * 0 for an unknown whence, moving nothing; -1 for null, a negative target or a failed seek. */
+TW_API int64_t upnp_file_seek_b(upnp_file_b* reader, int64_t offset, int32_t whence) TW_NOEXCEPT;
+
+/* Little-endian integers of 2, 4 and 8 bytes; the _be calls read big-endian. Bytes missing at
+ * the end of the file read as 0; a null reader gives 0. */
+TW_API uint16_t upnp_file_read_word(upnp_file_b* reader) TW_NOEXCEPT;
+TW_API uint32_t upnp_file_read_dword(upnp_file_b* reader) TW_NOEXCEPT;
+TW_API uint64_t upnp_file_read_qword(upnp_file_b* reader) TW_NOEXCEPT;
+TW_API uint16_t upnp_file_read_word_be(upnp_file_b* reader) TW_NOEXCEPT;
+TW_API uint32_t upnp_file_read_dword_be(upnp_file_b* reader) TW_NOEXCEPT;
+TW_API uint64_t upnp_file_read_qword_be(upnp_file_b* reader) TW_NOEXCEPT;
+
+/* Bit reader. Bits are loaded 32 at a time with upnp_file_read_dword, little-endian.
+ * upnp_file_read_bit answers bit 15 of the held word, not bit 31, and then shifts the word left
+ * by one: that is this reader's defined behaviour. 0 for null. */
+TW_API uint32_t upnp_file_read_bit(upnp_file_b* reader) TW_NOEXCEPT;
+/* n bits, n from 0 to 16; others give 0 and consume nothing. When n bits are held they come
+ * from the top of the word; otherwise the value is built bit by bit with upnp_file_read_bit and
+ * comes out doubled, v * 2: both are defined behaviour. 0 for null. */
+TW_API uint32_t upnp_file_read_nbits(upnp_file_b* reader, uint32_t n) TW_NOEXCEPT;
 
 TW_EXTERN_C_END
 

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "media/reader.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/test_hooks.h"
+#include "support/test_support.h"
+#include "tarnwick/media.h"
+
+namespace {
+
+class MediaReader : public tw::test::LeakCheck {
+ protected:
+  upnp_file_b* Open(const std::string& bytes, uint32_t buffer_size) {
+    const std::string path = tmp_.File("r" + std::to_string(++count_));
+    tw::test::WriteFile(path, bytes);
+    upnp_file_b* r = upnp_file_open_read_b(path.c_str(), buffer_size);
+    EXPECT_NE(r, nullptr);
+    return r;
+  }
+  tw::test::TempDir tmp_;
+  int count_ = 0;
+};
+
+TEST_F(MediaReader, IntegersInBothByteOrdersAcrossBufferEdges) {
+  const std::string data(
+      "\x01\x02\x03\x04\x05\x06\x07\x88\xF1\xF2\xF3\xF4\x11\x22"
+      "\xA1\xA2\xA3\xA4\xA5\xA6\xA7\xA8\xFF\xFE\xB1\xB2\xB3",
+      27);
+  for (uint32_t size : {1u, 3u, 7u, 64u}) {
+    upnp_file_b* r = Open(data, size);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(upnp_file_read_qword(r), 0x8807060504030201ull) << size;
+    EXPECT_EQ(upnp_file_read_dword(r), 0xF4F3F2F1u) << size;
+    EXPECT_EQ(upnp_file_read_word(r), 0x2211u) << size;
+    EXPECT_EQ(upnp_file_read_qword_be(r), 0xA1A2A3A4A5A6A7A8ull) << size;
+    EXPECT_EQ(upnp_file_read_word_be(r), 0xFFFEu) << size;
+    // Only three bytes are left: the missing one reads as 0, then nothing is left at all.
+    EXPECT_EQ(upnp_file_read_dword_be(r), 0xB1B2B300u) << size;
+    EXPECT_EQ(upnp_file_eof_b(r), 1);
+    EXPECT_EQ(upnp_file_read_qword(r), 0u);
+    EXPECT_EQ(upnp_file_read_byte(r), -1);
+    upnp_file_close_b(r);
+  }
+}
+
+// Random reads, byte reads, tells and seeks against the plain bytes, for several buffer sizes.
+TEST_F(MediaReader, RandomOperationsMatchTheFileContents) {
+  std::mt19937 rng(12345);
+  std::string data(3000, '\0');
+  for (char& c : data) c = static_cast<char>(rng());
+  const int64_t size = static_cast<int64_t>(data.size());
+  for (uint32_t buffer_size : {1u, 16u, 100u, 4096u}) {
+    upnp_file_b* r = Open(data, buffer_size);
+    ASSERT_NE(r, nullptr);
+    int64_t pos = 0;
+    for (int step = 0; step < 2000; ++step) {
+      SCOPED_TRACE("buffer " + std::to_string(buffer_size) + " step " + std::to_string(step));
+      const uint32_t op = rng() % 6, want = rng() % 300;
+      if (op == 0) {
+        std::vector<char> buf(want + 1);
+        const int32_t n = upnp_file_read_b(r, buf.data(), want);
+        ASSERT_EQ(n, std::clamp<int64_t>(size - pos, 0, want));
+        ASSERT_EQ(std::memcmp(buf.data(), data.data() + pos, static_cast<size_t>(n)), 0);
+        pos += n;
+      } else if (op == 1) {
+        ASSERT_EQ(upnp_file_read_byte(r), pos < size ? static_cast<uint8_t>(data[pos]) : -1);
+        if (pos < size) ++pos;
+      } else if (op == 2) {  // near moves mostly stay inside the buffer
+        const int64_t target = std::max<int64_t>(0, pos + static_cast<int64_t>(want % 41) - 20);
+        ASSERT_EQ(upnp_file_seek_b(r, target - pos, UPNP_FILE_SEEK_CUR), target);
+        pos = target;
+      } else if (op == 3) {
+        pos = rng() % (data.size() + 1);
+        ASSERT_EQ(upnp_file_seek_b(r, pos, UPNP_FILE_SEEK_SET), pos);
+      } else if (op == 4) {
+        pos = rng() % (data.size() + 1);
+        ASSERT_EQ(upnp_file_seek_b(r, pos - size, UPNP_FILE_SEEK_END), pos);
+      } else {
+        ASSERT_EQ(upnp_file_tell_b(r), pos);
+        ASSERT_EQ(upnp_file_eof_b(r), pos >= size ? 1 : 0);
+      }
+    }
+    upnp_file_close_b(r);
+  }
+}
+
+TEST_F(MediaReader, SeekInsideTheBufferOnlyMovesTheOffset) {
+  upnp_file_b* r = Open("abcdefghijklmnop", 8);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(upnp_file_read_byte(r), 'a');
+  for (int64_t target : {6, 0, 8, 3}) {  // inside the buffered range [0, 8]
+    EXPECT_EQ(upnp_file_seek_b(r, target, UPNP_FILE_SEEK_SET), target);
+    EXPECT_EQ(r->file->position, 8u) << target;
+  }
+  EXPECT_EQ(upnp_file_read_byte(r), 'd');
+  EXPECT_EQ(upnp_file_seek_b(r, 5, 9), 0) << "unknown whence answers 0";
+  EXPECT_EQ(upnp_file_tell_b(r), 4) << "and moves nothing";
+  EXPECT_EQ(upnp_file_seek_b(r, -5, UPNP_FILE_SEEK_CUR), -1);
+  EXPECT_EQ(upnp_file_seek_b(r, 12, UPNP_FILE_SEEK_SET), 12);
+  EXPECT_EQ(r->file->position, 12u);
+  EXPECT_EQ(upnp_file_read_byte(r), 'm');
+  upnp_file_close_b(r);
+}
+
+TEST_F(MediaReader, ReadLineSkipsEmptyLinesAndSplitsLongOnes) {
+  upnp_file_b* r = Open("first\r\n\r\n\nsecond line\rthird\n\nend", 3);
+  ASSERT_NE(r, nullptr);
+  char buf[8];
+  std::string lines;
+  for (int i = 0; i < 20; ++i) {
+    const int32_t n = upnp_file_read_line_b(r, buf, sizeof buf);
+    if (n < 0) break;
+    EXPECT_EQ(static_cast<size_t>(n), std::strlen(buf));
+    lines += std::string(buf) + "|";
+  }
+  EXPECT_EQ(lines, "first|second |line|third|end|");
+  EXPECT_STREQ(buf, "");
+  EXPECT_EQ(upnp_file_read_line_b(r, buf, 1), -1);
+  upnp_file_close_b(r);
+}
+
+TEST_F(MediaReader, BitReaderTakesBit15AndDoublesOnTheSlowPath) {
+  // Little-endian words 0xABCD1234, 0x00008000, 0x0000C000.
+  upnp_file_b* r = Open(std::string("\x34\x12\xCD\xAB\x00\x80\x00\x00\x00\xC0\x00\x00", 12), 16);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(upnp_file_read_nbits(r, 0), 0u);
+  EXPECT_EQ(upnp_file_tell_b(r), 0) << "0 bits consume nothing";
+  EXPECT_EQ(upnp_file_read_bit(r),
+            0u);  // bit 15 of 0x1234; the word becomes 0x579A2468
+  EXPECT_EQ(upnp_file_tell_b(r), 4);
+  EXPECT_EQ(upnp_file_read_nbits(r, 8), 0x57u);
+  EXPECT_EQ(upnp_file_read_nbits(r, 16), 0x9A24u);
+  EXPECT_EQ(upnp_file_read_nbits(r, 17), 0u);
+  // 7 bits held (each answering 0 at bit 15), then a new word whose bit 15 is 1: the bits read are
+  // 0000000 1, and this path answers twice their value.
+  EXPECT_EQ(upnp_file_read_nbits(r, 8), 2u);
+  EXPECT_EQ(upnp_file_seek_b(r, 8, UPNP_FILE_SEEK_SET),
+            8);  // drops the 31 bits held
+  // Bits 1, 1, 0 of 0x0000C000 give 2 * 0b110; then 16 of the 29 held bits from the top.
+  EXPECT_EQ(upnp_file_read_nbits(r, 3), 12u);
+  EXPECT_EQ(upnp_file_read_nbits(r, 16), 0x0006u);
+  upnp_file_close_b(r);
+}
+
+TEST_F(MediaReader, BadInputGivesNeutralResults) {
+  EXPECT_EQ(upnp_file_open_read_b(tmp_.File("missing").c_str(), 16), nullptr);
+  tw::test::WriteFile(tmp_.File("x"), "x");
+  EXPECT_EQ(upnp_file_open_read_b(tmp_.File("x").c_str(), 0), nullptr);
+  for (int n = 0; n < 3; ++n) {  // handle, reader, buffer
+    tw::platform::FailAllocAfter(n);
+    EXPECT_EQ(upnp_file_open_read_b(tmp_.File("x").c_str(), 16), nullptr) << n;
+    tw::platform::ClearAllocFailure();
+  }
+  upnp_file_b* empty = Open("", 8);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(upnp_file_read_nbits(empty, 16), 0u);
+  EXPECT_EQ(upnp_file_read_line_b(empty, nullptr, 4), -1);
+  upnp_file_close_b(empty);
+  EXPECT_EQ(upnp_file_tell_b(nullptr), -1);
+  EXPECT_EQ(upnp_file_eof_b(nullptr), 1);
+  upnp_file_close_b(nullptr);
+}
+
+}  // namespace
