@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "platform/test_hooks.h"
+#include "server/resource.h"
+#include "support/test_support.h"
+#include "tarnwick/log.h"
+#include "tarnwick/server.h"
+
+namespace {
+
+std::string g_getter_name;
+
+int HostGetter(const char* name, uint32_t* size_out, void** data_out) {
+  g_getter_name = name;
+  if (std::string(name) != "host.bin") return 0;
+  auto* data = static_cast<char*>(upnp_malloc_impl(3));
+  std::memcpy(data, "abc", 3);
+  *size_out = 3;
+  *data_out = data;
+  return 1;
+}
+
+class ServerResource : public tw::test::LeakCheck {
+ protected:
+  void SetUp() override {
+    LeakCheck::SetUp();
+    std::filesystem::create_directory(dir_.File("resources"));
+    upnp_resource_init();
+  }
+  void TearDown() override {
+    tw::platform::ClearAllocFailure();
+    register_upnp_resource_get_function(nullptr);
+    upnp_resource_exit();
+    LeakCheck::TearDown();
+  }
+  void Put(const std::string& name, const std::string& bytes) {
+    tw::test::WriteFile(dir_.File("resources/" + name), bytes);
+  }
+  // The delivered bytes (plus the two bytes behind them when `with_tail`), or "<none>".
+  std::string Get(std::string name, bool with_tail = false) {
+    uint32_t size = 77;
+    void* data = reinterpret_cast<void*>(1);
+    if (!tw::server::GetResource(dir_.path().c_str(), name.data(), &size, &data)) return "<none>";
+    std::string bytes(static_cast<char*>(data), size + (with_tail ? 2 : 0));
+    upnp_free_impl(data);
+    return bytes;
+  }
+  tw::test::TempDir dir_;
+};
+
+TEST_F(ServerResource, FileIsReadWithTwoZeroBytesThenServedFromTheCache) {
+  Put("icon.png", "PNG1");
+  EXPECT_EQ(Get("icon.png?size=48", true), std::string("PNG1\0\0", 6));
+
+  Put("icon.png", "PNG2-changed");
+  std::string name = "icon.png?x";
+  uint32_t size = 0;
+  void* data = nullptr;
+  const uint32_t before = upnp_mem_used();
+  ASSERT_TRUE(tw::server::GetResource(dir_.path().c_str(), name.data(), &size, &data));
+  EXPECT_EQ(name, std::string("icon.png\0x", 10));  // cut in place
+  EXPECT_EQ(upnp_mem_used() - before, 4u);         // the cached copy has no terminator bytes
+  EXPECT_EQ(std::string(static_cast<char*>(data), size), "PNG1");
+  upnp_free_impl(data);
+}
+
+TEST_F(ServerResource, OnlyKnownExtensionsAreCached) {
+  Put("readme.html", "one");
+  Put("upper.PNG", "one");
+  Put("noext", "one");
+  Put("empty.xml", "");
+  for (const char* name : {"readme.html", "upper.PNG", "noext"}) {
+    EXPECT_EQ(Get(name, true), std::string("one\0\0", 5));
+    Put(name, "two");
+    EXPECT_EQ(Get(name), "two") << name;
+  }
+  Put("v1.2.xml", "one");  // the text after the last dot counts
+  EXPECT_EQ(Get("v1.2.xml"), "one");
+  Put("v1.2.xml", "two");
+  EXPECT_EQ(Get("v1.2.xml"), "one");
+  EXPECT_EQ(Get("empty.xml", true), std::string("\0\0", 2));  // delivered, never cached
+  Put("empty.xml", "now");
+  EXPECT_EQ(Get("empty.xml"), "now");
+}
+
+TEST_F(ServerResource, FullCacheStillDeliversAndLogs) {
+  tw::test::TempDir log_dir;
+  const std::string log_file = log_dir.File("log.txt");
+  ASSERT_EQ(upnp_log_init(log_file.c_str()), 1);
+  upnp_log_set_mode(UPNP_LOG_SYSTEM);
+  for (size_t i = 0; i <= tw::server::kResourceCacheEntries; ++i) {
+    Put("f" + std::to_string(i) + ".txt", "v1");
+    EXPECT_EQ(Get("f" + std::to_string(i) + ".txt"), "v1");
+  }
+  upnp_log_set_mode(0);
+  upnp_log_exit();
+  const std::string log = tw::test::ReadFile(log_file);
+  EXPECT_NE(log.find("add_to_cache - too many files"), std::string::npos) << log;
+
+  Put("f0.txt", "v2");
+  Put("f100.txt", "v2");
+  EXPECT_EQ(Get("f0.txt"), "v1");    // cached
+  EXPECT_EQ(Get("f100.txt"), "v2");  // the 101st found no slot
+}
+
+TEST_F(ServerResource, MissingFileFallsBackToTheHostGetter) {
+  std::filesystem::create_directory(dir_.File("resources/sub.xml"));  // not a regular file
+  EXPECT_EQ(Get("host.bin"), "<none>");
+  register_upnp_resource_get_function(&HostGetter);
+  EXPECT_EQ(Get("host.bin?q"), "abc");
+  EXPECT_EQ(g_getter_name, "host.bin");
+  EXPECT_EQ(Get("sub.xml"), "<none>");
+  EXPECT_EQ(g_getter_name, "sub.xml");
+
+  uint32_t size = 9;
+  void* data = reinterpret_cast<void*>(1);
+  EXPECT_EQ(upnp_resource_get(nullptr, &size, &data), 0);
+  EXPECT_TRUE(size == 0 && data == nullptr);
+}
+
+TEST_F(ServerResource, OutOfMemoryNeverLeaksOrCachesHalfAnEntry) {
+  Put("a.xml", "payload");
+  for (int n = 0; n < 4; ++n) {
+    tw::platform::FailAllocAfter(n);
+    const std::string got = Get("a.xml");
+    tw::platform::ClearAllocFailure();
+    EXPECT_TRUE(got == "payload" || got == "<none>") << n << ": " << got;
+  }
+  EXPECT_EQ(Get("a.xml"), "payload");
+}
+
+TEST_F(ServerResource, WorksWithoutInitAndSurvivesRepeatedExit) {
+  Put("t.txt", "x");
+  upnp_resource_exit();
+  upnp_resource_exit();
+  EXPECT_EQ(Get("t.txt"), "x");  // delivered, nothing cached without the lock
+  Put("t.txt", "y");
+  EXPECT_EQ(Get("t.txt"), "y");
+}
+
+}  // namespace

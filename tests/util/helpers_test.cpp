@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+// Numbers, durations, dates and DLNA fields.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "support/test_support.h"
+#include "tarnwick/util.h"
+
+namespace {
+
+using tw::test::Owned;
+
+class UtilHelpers : public tw::test::LeakCheck {};
+
+TEST_F(UtilHelpers, NumbersStopAtNonDigitsAndWrapInsteadOfOverflowing) {
+  int32_t digits = -1;
+  EXPECT_EQ(upnp_atoui2("123abc", &digits), 123u);
+  EXPECT_EQ(digits, 3);
+  EXPECT_EQ(upnp_atoui("4294967297"), 1u);  // 2^32 + 1 wraps
+  EXPECT_EQ(upnp_string_to_longlong("18446744073709551615x", &digits), UINT64_MAX);
+  EXPECT_EQ(digits, 20);
+  EXPECT_EQ(upnp_ascii_to_long_long("+-5"), -5);
+  EXPECT_EQ(upnp_ascii_to_long_long("-+5"), 0);
+  EXPECT_EQ(upnp_ascii_to_long_long("-9223372036854775808"), INT64_MIN);
+  EXPECT_EQ(upnp_ascii_to_long_long("99999999999999999999999"), 200376420520689663);
+
+  char hex[9];
+  upnp_longToHexString(0xABCu, hex);
+  EXPECT_STREQ(hex, "00000abc");
+  std::vector<char> small(8, 'x');
+  EXPECT_EQ(upnp_longlong_to_string(-1234567890123, small.data(), small.size()), 14);
+  EXPECT_STREQ(small.data(), "-123456");
+  EXPECT_EQ(upnp_longlong_to_string(5, small.data(), 0), 0);
+
+  EXPECT_FALSE(upnp_util_strings_equal("Abc", "abc", 1, 0));
+  EXPECT_TRUE(upnp_util_strings_equal("Abc", "aBC", 0, 0));
+  EXPECT_TRUE(upnp_util_strings_equal(nullptr, nullptr, 1, 1));
+  EXPECT_FALSE(upnp_util_strings_equal("", nullptr, 1, 1));
+}
+
+TEST_F(UtilHelpers, DurationTextsConvertBothWays) {
+  EXPECT_EQ(upnp_convert_time_to_long("1:02:03.5"), 3723005);
+  EXPECT_EQ(upnp_convert_time_to_long("0:00:01.500"), 1500);
+  EXPECT_EQ(upnp_convert_time_to_long("0:5"), 300000);
+  EXPECT_EQ(upnp_convert_time_to_long(nullptr), 0);
+  // Absurd hours saturate at the 32-bit range instead of overflowing.
+  EXPECT_EQ(upnp_convert_time_to_long("99999999999999:00:00"), int64_t{INT32_MAX} * 3600000);
+
+  char clock[UPNP_FORMAT_TIME_SIZE];
+  upnp_format_time(3723999, clock);
+  EXPECT_STREQ(clock, "01:02:03");
+  upnp_format_time(uint64_t{100000} * 3600000, clock);
+  EXPECT_STREQ(clock, "100000:00:00");
+  upnp_format_time(UINT64_MAX, clock);
+  EXPECT_LT(std::strlen(clock), sizeof(clock));
+
+  EXPECT_EQ(Owned(upnp_duration_to_string(3723000)).str(), "1:02:03");
+  EXPECT_EQ(Owned(upnp_duration_to_string(3723005)).str(), "1:02:03.005");
+  EXPECT_EQ(Owned(upnp_duration_to_string(UINT64_MAX)).str(), "5124095576030:25:51.615");
+}
+
+TEST_F(UtilHelpers, ResDurationIsClampedIntoItsFixedForm) {
+  const char* cases[][2] = {
+      {"0:75:3", "00000:59:03.000"},       {"12", "00000:00:12.000"},
+      {"1:2:3.4567", "00001:02:03.999"},   {"4:05", "00000:04:05.000"},
+      {"123456:0:0.5", "99999:00:00.005"}, {"-5:-1:-2.-3", "00000:00:00.000"},
+  };
+  for (const auto& c : cases) {
+    std::string text = c[0];
+    std::vector<char> out(16, 'x');  // exactly the documented size, on the heap for ASan
+    ASSERT_EQ(upnp_util_scrub_res_duration(text.data(), out.data()), 0);
+    EXPECT_STREQ(out.data(), c[1]) << c[0];
+  }
+  std::string split = "1:2.3";
+  char out[16];
+  upnp_util_scrub_res_duration(split.data(), out);
+  EXPECT_EQ(split, std::string("1\0" "2\0" "3", 5));  // separators overwritten in place
+  EXPECT_EQ(upnp_util_scrub_res_duration(nullptr, out), -1);
+}
+
+TEST_F(UtilHelpers, DatesAreScreenedAndConverted) {
+  for (const char* good : {"2012-02-31T00:00:00", "2012-12-01"}) {
+    EXPECT_EQ(upnp_date_is_valid(good), 1) << good;
+  }
+  for (const char* bad : {"2012-13-01", "2012-00-10", "2012-2-01", "2012-02-32", "2012-02-1",
+                          "201", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(upnp_date_is_valid(bad), 0) << (bad != nullptr ? bad : "null");
+  }
+  char date[64] = "2012-03-04T05:06:07";
+  convert_time_iso8601_to_rfc822(date, sizeof(date));
+  EXPECT_STREQ(date, "Sun, 04 Mar 2012 05:06:07 GMT");
+  char cut[20] = "2012-03-04";
+  convert_time_iso8601_to_rfc822(cut, 10);
+  EXPECT_STREQ(cut, "Sun, 04 M");
+}
+
+TEST_F(UtilHelpers, DlnaFlagsAreReadAndSetInPlace) {
+  const char* text = "DLNA.ORG_PN=MP3;DLNA.ORG_FLAGS=01700000000000000000000000000000";
+  EXPECT_EQ(dlnaflagstring_flags_get_from_string(text), 0x01700000u);
+  for (int bit : {20, 21, 22, 24}) EXPECT_EQ(dlnaflagstring_bit_get_from_string(text, bit), 1);
+  for (int bit : {0, 23, 32, -1}) EXPECT_EQ(dlnaflagstring_bit_get_from_string(text, bit), 0);
+  EXPECT_EQ(dlnaflagstring_flags_get_from_string("0a0b0c0d"), 0x0A0B0C0Du);
+  EXPECT_EQ(dlnaflagstring_flags_get_from_string("F1700000"), 0u);  // letter first: refused
+  EXPECT_EQ(dlnaflagstring_flags_get_from_string("0170000"), 0u);   // fewer than 8 bytes
+
+  std::string flags = "DLNA.ORG_FLAGS=01700000000000000000000000000000;x";
+  ASSERT_EQ(dlnaflagstring_bit_set_in_string(flags.data(), 31), 0);
+  EXPECT_EQ(flags, "DLNA.ORG_FLAGS=81700000000000000000000000000000;x");
+  std::string lower = "0a0b0c0d";
+  ASSERT_EQ(dlnaflagstring_bit_set_in_string(lower.data(), 32), 0);  // nothing set, rewritten
+  EXPECT_EQ(lower, "0A0B0C0D");
+  ASSERT_EQ(dlnaflagstring_bit_set_in_string(lower.data(), 1), 0);
+  EXPECT_EQ(lower, "0A0B0C0F");
+  std::string unreadable = "abc";
+  EXPECT_EQ(dlnaflagstring_bit_set_in_string(unreadable.data(), 3), 0);
+  EXPECT_EQ(unreadable, "abc");
+  EXPECT_EQ(dlnaflagstring_bit_set_in_string(lower.data(), 33), -1);
+  EXPECT_EQ(dlnaflagstring_bit_set_in_string(nullptr, 1), -1);
+}
+
+std::string Field(const char* info, int32_t n) {
+  uint32_t length = 99;
+  const char* field = upnp_get_protocolInfoField(info, n, &length);
+  if (field == nullptr) return length == 0 ? "<null>" : "<bad length>";
+  return std::string(field, length);
+}
+
+TEST_F(UtilHelpers, ProtocolInfoFieldsAndParameters) {
+  const char* info = "http-get:*:audio/mpeg:DLNA.ORG_PN=MP3";
+  EXPECT_EQ(Field(info, 1), "http-get");
+  EXPECT_EQ(Field(info, 4), "DLNA.ORG_PN=MP3");
+  EXPECT_EQ(Field(info, 5), "<null>");
+  EXPECT_EQ(Field(info, 0), "<null>");
+  EXPECT_EQ(Field("a::b", 2), "");  // empty inside the string: a field of length 0
+  EXPECT_EQ(Field("a:", 2), "<null>");
+
+  uint32_t name = 0, value = 0, total = 0;
+  EXPECT_EQ(upnp_get_otherParamLength("DLNA.ORG_PN=AVC_TS_HD;DLNA.ORG_OP=01", &name, &value,
+                                      &total), 1);
+  EXPECT_EQ(name, 11u);
+  EXPECT_EQ(value, 9u);
+  EXPECT_EQ(total, 21u);
+  EXPECT_EQ(upnp_get_otherParamLength("a=b c;d", &name, &value, &total), 0);
+  EXPECT_EQ(total, 5u);
+  EXPECT_EQ(upnp_get_otherParamLength("x=1/2,3+4", nullptr, nullptr, nullptr), 1);
+  EXPECT_EQ(upnp_get_otherParamLength("noequals", nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(upnp_get_otherParamLength("=v", nullptr, nullptr, nullptr), 0);
+}
+
+TEST_F(UtilHelpers, JpegProfilesAndProportionalScaling) {
+  const std::tuple<uint32_t, uint32_t, const char*> profiles[] = {
+      {160, 160, "JPEG_TN"}, {640, 480, "JPEG_SM"}, {641, 480, "JPEG_MED"},
+      {4096, 4096, "JPEG_LRG"}, {4097, 10, "<null>"}};
+  for (const auto& [w, h, name] : profiles) {
+    EXPECT_EQ(Owned(jpeg_map_dlna_profile(w, h)).str(), name) << w << "x" << h;
+  }
+
+  const uint32_t cases[][6] = {
+      {1920, 1080, 160, 160, 160, 90},
+      {1080, 1920, 160, 160, 90, 160},
+      {0, 1080, 160, 120, 160, 120},  // a zero input leaves the box
+      {1, UINT32_MAX, UINT32_MAX, UINT32_MAX, 1, UINT32_MAX},  // no UB at the limits
+  };
+  for (const auto& c : cases) {
+    uint32_t w = 0, h = 0;
+    get_proportional_scale(c[0], c[1], c[2], c[3], &w, &h);
+    EXPECT_EQ(w, c[4]) << c[0] << "x" << c[1];
+    EXPECT_EQ(h, c[5]) << c[0] << "x" << c[1];
+  }
+}
+
+}  // namespace
