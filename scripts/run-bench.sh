@@ -1,0 +1,26 @@
+#!/bin/sh
+# Runs the benchmarks of a bench build and prints the ratios against the references measured in
+# the same run. Usage: sh scripts/run-bench.sh build-bench
+set -eu
+dir=$1
+out="$dir/text_bench.json"
+"$dir/bench/tw_text_bench" --benchmark_format=json --benchmark_out="$out" \
+  --benchmark_out_format=json --benchmark_min_time=0.2 > /dev/null
+python3 - "$out" <<'PY'
+import json, sys
+runs = {b["name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"]}
+def t(name): return runs[name]["real_time"]
+print("text benchmarks (ratio = reference time / library time; above 1 means faster)")
+for n in (16, 256, 4096):
+    a, b = t(f"BM_UpnpStringConcat/{n}"), t(f"BM_StdStringAppend/{n}")
+    print(f"  concat {n:5d} pieces: upnp {a:10.0f} ns  std::string {b:10.0f} ns  ratio {b/a:5.2f}")
+a, b = t("BM_UpnpIstrstr"), t("BM_Strcasestr")
+print(f"  istrstr on a request head: upnp {a:8.1f} ns  strcasestr {b:8.1f} ns  ratio {b/a:5.2f}")
+for name in sorted(runs):
+    if name.startswith(("BM_Base64", "BM_Latin1", "BM_Utf8")):
+        r = runs[name]
+        print(f"  {name:24s} {r['bytes_per_second']/1e6:9.1f} MB/s")
+PY
+if [ -x "$dir/bench/tw_http_bench" ] && [ -f scripts/bench-http.sh ]; then
+  sh scripts/bench-http.sh "$dir"
+fi
