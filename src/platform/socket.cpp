@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,6 +28,11 @@ bool ParseIpv4(const char* text, uint32_t* address_out) noexcept {
   if (inet_aton(text, &parsed) == 0) return false;
   *address_out = parsed.s_addr;
   return true;
+}
+
+int32_t SetTcpNoDelay(int32_t socket) noexcept {
+  const int on = 1;
+  return setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 int32_t SocketLocalPort(int32_t socket) noexcept {

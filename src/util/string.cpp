@@ -300,7 +300,13 @@ const char* IStrStr(const char* haystack, const char* needle) noexcept {
   const std::size_t n = std::strlen(haystack);
   int32_t i = 0;
   std::size_t j = 0;
+  const int first = FoldByte(needle[0]);
   while (i < m) {
+    if (i == 0) {
+      // At the needle's start a mismatch only advances j (next[0] is -1): skip such bytes in a
+      // tight loop, which is where a search over a long head spends its time.
+      while (j < n && FoldByte(haystack[j]) != first) ++j;
+    }
     if (j >= n) return nullptr;
     while (i >= 0 && FoldByte(needle[i]) != FoldByte(haystack[j])) i = next[i];
     ++i;

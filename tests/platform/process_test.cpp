@@ -58,7 +58,9 @@ TEST(PlatformParams, BlanksSeparateDoubleQuotesGroupInPlace) {
   char* argv[3] = {};
   EXPECT_EQ(tw::platform::SplitParams(text, argv, 1, 3), 3);
   EXPECT_EQ(argv[1], text);
-  EXPECT_EQ(std::memcmp(text, "p\0\"r s\0 t", sizeof text), 0) << "delimiters become NULs";
+  static const char kExpected[] = "p\0\"r s\0 t";  // an array, so its size includes the NULs
+  static_assert(sizeof kExpected == sizeof text);
+  EXPECT_EQ(std::memcmp(text, kExpected, sizeof text), 0) << "delimiters become NULs";
   EXPECT_EQ(tw::platform::SplitParams(nullptr, argv, 2, 3), 2);
 }
 

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// Values read from just behind a header name found anywhere in the head (case-insensitive
+// substring search, not line splitting: a name inside another header's value is found too).
+#include "http/request_parser.h"
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/allocator.h"
+#include "tarnwick/util.h"
+
+namespace tw::http {
+namespace {
+
+constexpr char kContentType[] = "content-type:";
+constexpr char kContentLength[] = "content-length:";
+constexpr char kConnection[] = "connection:";
+
+bool IsAtoiSpace(char c) noexcept {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+}  // namespace
+
+int FormatCut(char* out, size_t size, const char* format, ...) noexcept {
+  va_list args;
+  va_start(args, format);
+  int written = std::vsnprintf(out, size, format, args);
+  va_end(args);
+  return written;
+}
+
+const char* SkipSpaces(const char* p) noexcept {
+  const char* q = p;
+  while (*q == ' ' || *q == '\t') ++q;
+  if (*q == '\r' || *q == '\0') return p;
+  return q;
+}
+
+int32_t Atoi(const char* text) noexcept {
+  const char* p = text;
+  while (IsAtoiSpace(*p)) ++p;
+  bool negative = false;
+  if (*p == '+' || *p == '-') negative = *p++ == '-';
+  int64_t value = 0;
+  for (; *p >= '0' && *p <= '9'; ++p) {
+    value = value * 10 + (*p - '0');
+    if (value > static_cast<int64_t>(INT32_MAX) + 1) value = static_cast<int64_t>(INT32_MAX) + 1;
+  }
+  if (negative) return static_cast<int32_t>(-value);
+  return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+}
+
+char* ContentTypeValue(const char* head) noexcept {
+  const char* name = upnp_istrstr(head, kContentType);
+  if (name == nullptr) return nullptr;
+  const char* value = name + sizeof(kContentType) - 1;
+  while (*value == ' ') ++value;  // only spaces here, unlike SkipSpaces
+  const char* end = std::strstr(value, "\r\n");
+  if (end == nullptr) return nullptr;
+  return DupToC(std::string_view(value, static_cast<size_t>(end - value)));
+}
+
+bool IsChunked(const char* head) noexcept {
+  return upnp_istrstr(head, "chunked\r\n") != nullptr &&
+         upnp_istrstr(head, "Transfer-Encoding") != nullptr;
+}
+
+bool HasConnectionClose(const char* head) noexcept {
+  const char* name = upnp_istrstr(head, kConnection);
+  if (name == nullptr) return false;
+  const char* value = SkipSpaces(name + sizeof(kConnection) - 1);
+  if (upnp_starts_with(value, "close")) return true;
+  // Any later "close" counts as well, even in another header: tolerant of odd value lists.
+  return std::strstr(name + sizeof(kConnection) - 1, "close") != nullptr;
+}
+
+int32_t ResponseStatus(const char* head) noexcept {
+  const char* space = std::strchr(head, ' ');
+  if (space == nullptr) return kNoResponseStatus;
+  return Atoi(space + 1);
+}
+
+int64_t ContentLength(const char* head) noexcept {
+  const char* name = upnp_istrstr(head, kContentLength);
+  if (name == nullptr) return 0;
+  int64_t value = upnp_ascii_to_long_long(SkipSpaces(name + sizeof(kContentLength) - 1));
+  return value < 0 ? 0 : value;
+}
+
+void UnescapeUrl(char* text) noexcept {
+  char* out = text;
+  for (const char* in = text;; ++in) {
+    char c = *in;
+    if (c == '%' && in[1] != '\0' && in[2] != '\0') {
+      // Not checked for hex digits on purpose: other characters count as 0.
+      c = static_cast<char>(hexchar_to_i(static_cast<unsigned char>(in[1])) * 16 +
+                            hexchar_to_i(static_cast<unsigned char>(in[2])));
+      in += 2;
+    } else if (c == '+') {
+      c = ' ';
+    }
+    *out++ = c;
+    if (*in == '\0') break;
+  }
+}
+
+}  // namespace tw::http

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// Readers of request and response head text and of the byte and time-seek ranges a request asks
+// for: the logic behind request_parser_api.cpp. Arguments are non-null (the entries check them);
+// every function here is stateless, allocates only where it says so and never throws.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tarnwick/http.h"
+
+namespace tw::http {
+
+// ---- text helpers (request_parser.cpp) ----
+// snprintf into a fixed buffer whose cut is intended (the result is what snprintf returned);
+// a function of its own so that the compiler does not flag every deliberate cut.
+int FormatCut(char* out, size_t size, const char* format, ...) noexcept TW_PRINTF(3, 4);
+
+// ---- head values (request_parser.cpp) ----
+// The status of a response head that has none.
+inline constexpr int32_t kNoResponseStatus = 500;
+// Past blanks and tabs, unless only blanks stand before a CR or the end: then p itself, so an
+// empty value still points at its leading blanks.
+const char* SkipSpaces(const char* p) noexcept;
+// atoi's reading (leading white space, a sign, digits) with values beyond 32 bits clamped, so
+// the result is defined on every platform.
+int32_t Atoi(const char* text) noexcept;
+// The "content-type:" value as a new accounted block, or null (no header, no CR LF behind it,
+// memory short).
+char* ContentTypeValue(const char* head) noexcept;
+bool IsChunked(const char* head) noexcept;
+bool HasConnectionClose(const char* head) noexcept;
+int32_t ResponseStatus(const char* head) noexcept;
+int64_t ContentLength(const char* head) noexcept;
+void UnescapeUrl(char* text) noexcept;
+
+// ---- ranges (range_parser.cpp) ----
+uint32_t ParseTimeRange(const char* text, int32_t* clock_flag) noexcept;
+// "%d:%d:%d.%03d" of a millisecond count; the snprintf result.
+int32_t FormatRangeTime(int64_t milliseconds, char* buffer, size_t size) noexcept;
+// Fills the range fields of request from request.header (which must be NUL-terminated).
+void ReadRanges(HttpRequest& request) noexcept;
+
+}  // namespace tw::http

@@ -1,0 +1,337 @@
+// SPDX-License-Identifier: Apache-2.0
+// The status line and header lines of every response, composed in one buffer and sent at once.
+#include "http/response_header.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "http/hooks.h"
+#include "http/mime_table.h"
+#include "http/registry.h"
+#include "http/request_parser.h"
+#include "tarnwick/clientdb.h"
+#include "tarnwick/log.h"
+#include "tarnwick/platform.h"
+#include "tarnwick/util.h"
+
+namespace tw::http {
+namespace {
+
+struct StatusText {
+  int32_t status;
+  std::string_view text;  // from a literal: NUL-terminated
+  bool forces_html;       // error pages are HTML whatever type the handler set
+};
+
+// "Unauthorised", "Invalid Args" and "Action Failed" are the wordings clients have always seen.
+constexpr StatusText kStatusTexts[] = {
+    {200, "200 OK", false},
+    {206, "206 Partial Content", false},
+    {400, "400 Bad Request", true},
+    {401, "401 Unauthorised", true},
+    {402, "402 Invalid Args", true},
+    {404, "404 Not Found", true},
+    {406, "406 Not Acceptable", true},
+    {412, "412 Precondition Failed", true},
+    {416, "416 Requested Range Not Satisfiable", true},
+    {500, "500 Internal Server Error", true},
+    {501, "501 Action Failed", true},
+    {503, "503 Service Unavailable", true},
+};
+static_assert(sizeof(kStatusTexts) / sizeof(kStatusTexts[0]) == 12, "12 status texts");
+
+constexpr int32_t kStatusPartial = 206;
+constexpr int32_t kStatusNotFound = 404;
+constexpr int32_t kStatusRangeNotSatisfiable = 416;
+constexpr int32_t kHttp10 = 10;
+constexpr char kOk[] = "200 OK";
+constexpr char kNotFound[] = "404 Not Found";
+constexpr char kPartialContent[] = "206 Partial Content";
+constexpr char kHtmlType[] = "text/html; charset=utf-8";
+// The length handlers give for a stream whose size nobody knows.
+constexpr int64_t kUnknownStreamLength = 9999999999999999LL;
+
+// Sizes of the work buffers; texts longer than these are cut.
+constexpr uint32_t kLineSize = 128;
+constexpr uint32_t kRangeLineSize = 512;
+constexpr size_t kDateSize = 32;
+constexpr size_t kNumberSize = 25;
+constexpr size_t kTimeSize = 32;
+
+const StatusText* FindStatus(int32_t status) noexcept {
+  for (const StatusText& entry : kStatusTexts) {
+    if (entry.status == status) return &entry;
+  }
+  return nullptr;
+}
+
+// The six work buffers of one composition, allocated as one group.
+class WorkBuffers {
+ public:
+  WorkBuffers() noexcept {
+    void* blocks[6] = {};
+    group_ = upnp_group_malloc(6, &blocks[0], static_cast<uint32_t>(kResponseHeaderSize),
+                               &blocks[1], kLineSize, &blocks[2], kRangeLineSize, &blocks[3],
+                               kLineSize, &blocks[4], kLineSize, &blocks[5], kLineSize);
+    header = static_cast<char*>(blocks[0]);
+    content_length = static_cast<char*>(blocks[1]);
+    range = static_cast<char*>(blocks[2]);
+    content_type = static_cast<char*>(blocks[3]);
+    last_modified = static_cast<char*>(blocks[4]);
+    status_line = static_cast<char*>(blocks[5]);
+  }
+  ~WorkBuffers() { upnp_group_free(group_); }
+  WorkBuffers(const WorkBuffers&) = delete;
+  WorkBuffers& operator=(const WorkBuffers&) = delete;
+  bool ok() const noexcept { return group_ != nullptr; }
+
+  char* header;
+  char* content_length;
+  char* range;
+  char* content_type;
+  char* last_modified;
+  char* status_line;
+
+ private:
+  void* group_;
+};
+
+std::string_view Number(int64_t value, char (&buffer)[kNumberSize]) noexcept {
+  upnp_longlong_to_string(value, buffer, sizeof(buffer));
+  return buffer;
+}
+
+void WriteRangeLine(const HttpRequest& r, bool time_seek, char* out) noexcept {
+  char start[kNumberSize];
+  char end[kNumberSize];
+  char total[kNumberSize];
+  Number(r.range_start, start);
+  Number(r.range_end, end);
+  Number(r.total_size, total);
+  if (!time_seek) {
+    FormatCut(out, kRangeLineSize, "Content-Range: bytes %s-%s/%s\r\n", start, end, total);
+    return;
+  }
+  // Times go out as 32-bit millisecond counts.
+  int32_t from = static_cast<int32_t>(r.requested_range_start);
+  int32_t to = static_cast<int32_t>(r.requested_range_end);
+  if (to < 0) to = r.duration_ms;
+  int32_t duration = r.duration_ms;
+  if (r.range_is_clock_time == 0) {
+    // The milliseconds are not padded ("001.5" for 1005 ms), intended: clients parse it so.
+    FormatCut(out, kRangeLineSize,
+                  "TimeSeekRange.dlna.org: npt=%03d.%d-%03d.%d/%03d.%d bytes=%s-%s/%s\r\n",
+                  from / 1000, from % 1000, to / 1000, to % 1000, duration / 1000,
+                  duration % 1000, start, end, total);
+    return;
+  }
+  char from_text[kTimeSize];
+  char to_text[kTimeSize];
+  char duration_text[kTimeSize];
+  FormatRangeTime(from, from_text, sizeof(from_text));
+  FormatRangeTime(to, to_text, sizeof(to_text));
+  FormatRangeTime(duration, duration_text, sizeof(duration_text));
+  FormatCut(out, kRangeLineSize, "TimeSeekRange.dlna.org: npt=%s-%s/%s bytes=%s-%s/%s\r\n",
+                from_text, to_text, duration_text, start, end, total);
+}
+
+// The host of base_url: behind the scheme, up to the port's ':'.
+void HostOfBaseUrl(const char* base_url, char* out, size_t size) noexcept {
+  const char* host = std::strstr(base_url, "://");
+  host = host != nullptr ? host + 3 : base_url;
+  size_t length = std::strcspn(host, ":");
+  FormatCut(out, size, "%.*s", static_cast<int>(length), host);
+}
+
+void ApplyPriority(int32_t socket, SocketPriority priority) noexcept {
+  switch (priority) {
+    case SocketPriority::kInteractive:
+      setSockOptInteractivePriority(socket);
+      break;
+    case SocketPriority::kBackground:
+      setSockOptBackgroundPriority(socket);
+      break;
+    case SocketPriority::kAudioVideo:
+      setSockOptAVPriority(socket);
+      break;
+    case SocketPriority::kNone:
+      break;
+  }
+}
+
+}  // namespace
+
+const ResponseEnvironment& LiveEnvironment() noexcept {
+  static constexpr ResponseEnvironment kLive = {
+      upnp_client_db_needs_1_0_response, upnp_client_db_redsonic_compliant,
+      upnp_client_db_DLNA_version, upnp_date_getGMT, DtcpPort};
+  return kLive;
+}
+
+void AddHeaderLines(HttpRequest& request, const char* lines) noexcept {
+  char* buffer = request.extra_headers;
+  constexpr size_t kSize = sizeof(request.extra_headers);
+  buffer[kSize - 1] = '\0';
+  size_t used = std::strlen(buffer);
+  size_t length = std::strlen(lines);
+  if (length > kSize - 1 - used) length = kSize - 1 - used;
+  std::memmove(buffer + used, lines, length);
+  buffer[used + length] = '\0';
+}
+
+bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPriority* priority,
+                           const ResponseEnvironment& env) {
+  if (priority != nullptr) *priority = SocketPriority::kNone;
+  WorkBuffers work;
+  if (!work.ok()) return false;
+  // Records filled by hand may lack terminators; the readers below rely on them.
+  r.header[sizeof(r.header) - 1] = '\0';
+  r.url[sizeof(r.url) - 1] = '\0';
+  r.extra_headers[sizeof(r.extra_headers) - 1] = '\0';
+  const char* head = r.header;
+
+  char date[kDateSize] = "";
+  env.date_now(date, sizeof(date));
+  const bool answer_as_10 = r.http_version == kHttp10 && env.needs_1_0_response(r.client_id) != 0;
+  const char* version = answer_as_10 ? "HTTP/1.0 " : "HTTP/1.1 ";
+
+  work.last_modified[0] = '\0';
+  if (r.file_cache != nullptr && r.file_cache->modification_time != 0) {
+    char when[kDateSize] = "";
+    upnp_date_formatGMT(r.file_cache->modification_time, when, sizeof(when));
+    FormatCut(work.last_modified, kLineSize, "Last-Modified: %s\r\n", when);
+  }
+
+  if (std::strstr(r.url, "com.awox.transcode") != nullptr && status == kStatusOk) {
+    // Transcoding requests of that family are refused as not found, deliberately.
+    r.content_length = 0;
+    status = kStatusNotFound;
+  } else if (status == kStatusOk) {
+    status = CheckDlnaRequest(head, env.dlna_version(r.client_id));
+  }
+
+  const StatusText* entry = FindStatus(status);
+  std::string_view text = entry != nullptr ? entry->text : kOk;
+  const char* mime = entry != nullptr && entry->forces_html ? kHtmlType : r.mime_type;
+  if (status == kStatusRangeNotSatisfiable && answer_as_10) {
+    // Those clients cannot cope with 416; they get a not-found and a closed connection.
+    r.close_connection = 1;
+    text = kNotFound;
+  }
+
+  work.range[0] = '\0';
+  if (status == kStatusPartial) {
+    if (upnp_istrstr(head, "TimeSeekRange") == nullptr || std::strstr(head, "Range:") != nullptr) {
+      WriteRangeLine(r, false, work.range);
+      text = kPartialContent;
+    } else {
+      // A time-seek answer is a full 200 whose TimeSeekRange line says what it holds.
+      text = kOk;
+      if (r.duration_ms > 0) WriteRangeLine(r, true, work.range);
+    }
+  }
+  FormatCut(work.status_line, kLineSize, "%s%.*s", version, static_cast<int>(text.size()),
+                text.data());
+
+  if (mime == nullptr) {
+    upnp_log_err_impl(UPNP_LOG_HTTP, "HTTP_send_header NO MIME TYPE given!\n%s", r.url);
+    mime = kOctetStream;
+  }
+  char pcm_parameters[kLineSize] = "";
+  if (std::strcmp(mime, "audio/L16") == 0) {
+    const char* rate = std::strstr(r.url, "rate");
+    const char* channels = std::strstr(r.url, "channels");
+    FormatCut(pcm_parameters, sizeof(pcm_parameters), ";rate=%d;channels=%d",
+                  rate != nullptr ? Atoi(rate + 4) : 0, channels != nullptr ? Atoi(channels + 8) : 0);
+  }
+
+  if (r.dlna_version != 0 && r.content_length == kUnknownStreamLength) {
+    // Unknown length: sent in the unknown-length form below, ended by closing the connection.
+    r.content_length = -1;
+    r.close_connection = 1;
+  }
+  work.content_length[0] = '\0';
+  if (r.content_length >= 0 && r.chunked == 0) {
+    char length[kNumberSize];
+    FormatCut(work.content_length, kLineSize, "Content-Length: %s\r\n",
+                  Number(r.content_length, length).data());
+  }
+
+  if (upnp_istrstr(head, "\ngetContentFeatures.dlna.org:") != nullptr) {
+    char line[kContentFeaturesLineSize];
+    ContentFeaturesLine(r.url, line);
+    AddHeaderLines(r, line);
+  }
+  if (upnp_istrstr(head, "GetAvailableSeekRange.DLNA.ORG:") != nullptr && r.duration_ms != 0) {
+    char line[kLineSize];
+    FormatCut(line, sizeof(line), "AvailableSeekRange.DLNA.ORG: 1 npt=0.000-%03d.%d\r\n",
+                  r.duration_ms / 1000, r.duration_ms % 1000);
+    AddHeaderLines(r, line);
+  }
+  TransferMode mode = SelectTransferMode(head);
+  if (mode.line != nullptr) AddHeaderLines(r, mode.line);
+  if (priority != nullptr) *priority = mode.priority;
+  if (r.dtcp_protected != 0) AddHeaderLines(r, "Pragma: no-cache\r\nCache-control: no-cache\r\n");
+  for (const HeaderHandlerNode* node = HeaderHandlers(); node != nullptr; node = node->next) {
+    if (node->handler != nullptr) node->handler(&r);
+  }
+  r.extra_headers[sizeof(r.extra_headers) - 1] = '\0';
+
+  if (r.dtcp_protected != 0 && (r.method == HTTP_METHOD_GET || r.method == HTTP_METHOD_HEAD)) {
+    char host[kLineSize];
+    HostOfBaseUrl(r.base_url, host, sizeof(host));
+    FormatCut(work.content_type, kLineSize,
+                  "application/x-dtcp1;DTCP1HOST=%s;DTCP1PORT=%d;CONTENTFORMAT=\"%s\"%s", host,
+                  env.dtcp_port(), mime, pcm_parameters);
+  } else {
+    FormatCut(work.content_type, kLineSize, "%s%s", mime, pcm_parameters);
+  }
+
+  const char* transfer_encoding = r.chunked != 0 ? "Transfer-Encoding: chunked\r\n" : "";
+  int length;
+  bool force_10;
+  if (env.redsonic_compliant(r.client_id) != 0 && std::strstr(head, "redsonic") != nullptr) {
+    // "Accept-Range: 0 bytes" (sic) is what these clients expect.
+    length = FormatCut(work.header, kResponseHeaderSize,
+                           "%s\r\nContent-Type: %s\r\n%sAccept-Range: 0 bytes\r\n"
+                           "User-Agent: redsonic\r\n\r\n",
+                           work.status_line, work.content_type, work.content_length);
+    force_10 = true;
+  } else if (r.content_length < 0) {
+    length = FormatCut(work.header, kResponseHeaderSize,
+                           "%s\r\nContent-Type: %s\r\nConnection: close\r\n%s%s\r\n",
+                           work.status_line, work.content_type, transfer_encoding,
+                           r.extra_headers);
+    force_10 = true;
+  } else {
+    length = FormatCut(
+        work.header, kResponseHeaderSize,
+        "%s\r\nContent-Type: %s\r\n%s%sDate: %s\r\nPragma: no-cache\r\nCache-control: "
+        "no-cache\r\n%sAccept-Ranges: bytes\r\nConnection: %s\r\n%s%sEXT:\r\nServer: %s\r\n\r\n",
+        work.status_line, work.content_type, transfer_encoding, work.content_length, date,
+        work.last_modified, r.close_connection != 0 ? "close" : "keep-alive", work.range,
+        r.extra_headers, UPNP_SERVER_BANNER);
+    force_10 = false;
+  }
+  if (length < 0) length = 0;
+  if (static_cast<size_t>(length) > kResponseHeaderSize - 1) length = kResponseHeaderSize - 1;
+  // Both short forms always go out with an HTTP/1.0 status line: the body ends with the
+  // connection (or the client is one that wants 1.0 anyway).
+  if (force_10 && length > 7) work.header[7] = '0';
+  out->assign(work.header, static_cast<size_t>(length));
+  return true;
+}
+
+bool SendResponseHeader(HttpRequest& request, int32_t status) noexcept {
+  return Guard(false, [&] {
+    String header;
+    SocketPriority priority = SocketPriority::kNone;
+    if (!ComposeResponseHeader(request, status, &header, &priority)) return false;
+    ApplyPriority(request.socket, priority);
+    upnp_log_info_impl(UPNP_LOG_HTTP, "HTTP_send_header %s", header.c_str());
+    return upnp_send_ssl(&request, header.data(), static_cast<int64_t>(header.size())) >= 0;
+  });
+}
+
+}  // namespace tw::http

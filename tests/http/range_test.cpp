@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "support/test_support.h"
+#include "tarnwick/http.h"
+#include "tarnwick/util.h"
+
+namespace {
+
+struct FreeRequest {
+  void operator()(HttpRequest* r) const { upnp_free_impl(r); }
+};
+
+struct Case {
+  std::string url, lines;
+  int64_t start, end, requested_start, requested_end;
+};
+
+class HttpRange : public tw::test::LeakCheck {
+ protected:
+  void TearDown() override {
+    request_.reset();
+    LeakCheck::TearDown();
+  }
+  // Reads the ranges of a GET of url with the given header lines; the record stays until the
+  // next call.
+  HttpRequest* Read(const std::string& url, const std::string& lines) {
+    request_.reset(static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest))));
+    std::snprintf(request_->header, sizeof(request_->header), "GET %s HTTP/1.1\r\nHost: h\r\n%s",
+                  url.c_str(), lines.c_str());
+    HTTP_get_range_header(request_.get());
+    return request_.get();
+  }
+  void Expect(const Case& c) {
+    HttpRequest* r = Read(c.url, c.lines);
+    EXPECT_EQ(r->range_start, c.start) << c.url << " " << c.lines;
+    EXPECT_EQ(r->range_end, c.end) << c.url << " " << c.lines;
+    EXPECT_EQ(r->requested_range_start, c.requested_start) << c.url << " " << c.lines;
+    EXPECT_EQ(r->requested_range_end, c.requested_end) << c.url << " " << c.lines;
+  }
+  std::unique_ptr<HttpRequest, FreeRequest> request_;
+};
+
+TEST_F(HttpRange, ByteRanges) {
+  const Case cases[] = {
+      {"/a", "Accept: */*\r\n\r\n", -1, -1, -1, -1},
+      {"/a", "Range: bytes=100-\r\n\r\n", 100, -1, 100, -1},
+      {"/a", "range: bytes= 7 - 9\r\n\r\n", 7, 9, 7, 9},
+      {"/a", "Range: bytes=0-1,5-6\r\n\r\n", 0, 1, 0, 1},   // only the first range
+      {"/a", "Range: bytes=-500\r\n\r\n", -2, 500, -2, 500},  // a suffix has no start
+      {"/a", "Range: bytes=\r\n\r\n", -2, -2, -2, -2},
+      // Another unit leaves both unset, copies untouched, unless "bytes" occurs later on.
+      {"/a", "Range: items=1-2\r\n\r\n", -2, -2, -1, -1},
+      {"/a", "Range: items=1-2\r\nX-Unit: bytes\r\n\r\n", 1, 2, 1, 2},
+      // The second digit of -OP permits byte ranges; a profile without -OP forbids them.
+      {"/m/1-OP10/a.mpg", "Range: bytes=5-\r\n\r\n", -3, -3, -1, -1},
+      {"/m/1-OP01/a.mpg", "Range: bytes=5-\r\n\r\n", 5, -1, 5, -1},
+      {"/m/1-DLNA-PNMP3/a.mp3", "Range: bytes=5-\r\n\r\n", -3, -3, -1, -1},
+      {"/a", "Range: bytes=1-2\r\n-OP", 1, 2, 1, 2},  // no digits behind -OP: not read past
+      // Absurd numbers are read as the number reader does; the sender judges them.
+      {"/a", "Range: bytes=9223372036854775807-\r\n\r\n", INT64_MAX, -1, INT64_MAX, -1},
+      {"/a", "Range: bytes=500-100\r\n\r\n", 500, 100, 500, 100},
+  };
+  for (const Case& c : cases) Expect(c);
+  const char* huge = "99999999999999999999999";
+  HttpRequest* r = Read("/a", std::string("Range: bytes=") + huge + "-" + huge + "\r\n");
+  EXPECT_EQ(r->range_start, upnp_ascii_to_long_long(huge));
+  EXPECT_EQ(r->is_timeseek + r->range_is_dtcp, 0);
+  r = Read("/a", "Range: bytes=1-2\r\nRange.dtcp.com: bytes=10-20\r\n");
+  EXPECT_EQ(r->range_is_dtcp, 0);
+  r = Read("/a", "Range.dtcp.com: bytes=10-20\r\n");
+  EXPECT_EQ(r->range_is_dtcp, 1);
+  EXPECT_EQ(r->range_end, 20);
+  HTTP_get_range_header(nullptr);
+}
+
+TEST_F(HttpRange, TimeSeekRanges) {
+  const std::string seek = "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n";
+  const Case cases[] = {
+      {"/v", "TimeSeekRange.dlna.org: npt=10.5-20\r\n\r\n", 10005, 20000, 10005, 20000},
+      {"/v", "X-Seek-Range: npt=5.000-6.000\r\n\r\n", 5000, 6000, 5000, 6000},
+      {"/v", "TimeSeekRange.dlna.org: npt=10.000\r\n\r\n", 10000, -2, 10000, -2},
+      // The scan is not bounded by the line: a later '-' counts as the separator.
+      {"/v", "TimeSeekRange.dlna.org: npt=10.000\r\nUser-Agent: x\r\n\r\n", 10000, -1, 10000, -1},
+      {"/v", "TimeSeekRange.dlna.org: npt=-5\r\n\r\n", -2, 5000, -2, 5000},
+      // A profile without -OP refuses (copies untouched); FLAGS00d/f make it unset instead.
+      {"/m/DLNA-PNAVC/v.mp4", seek, -3, -3, -1, -1},
+      {"/m/DLNA-PNAVC-FLAGS00d/v.mp4", seek, -2, -2, -1, -1},
+      {"/m/1-OP10/v.mp4", seek, 1000, -1, 1000, -1},
+      // First -OP digit 0, a play speed or a background transfer: refused, copies updated.
+      {"/m/1-OP01/v.mp4", seek, -3, -3, -3, -3},
+      {"/m/1-OP10/v.mp4", "PlaySpeed.dlna.org: speed=2\r\n" + seek, -3, -3, -3, -3},
+      {"/m/1-OP10/v.mp4", "transferMode.dlna.org: Background\r\n" + seek, -2, -2, -2, -2},
+      {"/m/1-OP01-FLAGS00f/v.mp4", seek, -2, -2, -2, -2},
+  };
+  for (const Case& c : cases) Expect(c);
+  HttpRequest* r = Read("/v", "TimeSeekRange.dlna.org: npt=0:01:00.000-\r\n");
+  EXPECT_EQ(r->is_timeseek, 1);
+  EXPECT_EQ(r->range_start, 60000);
+  EXPECT_EQ(r->range_is_clock_time, 1);
+  // A head filling the whole buffer without terminator is cut at its last byte.
+  std::memset(r->header, 'x', sizeof(r->header));
+  std::memcpy(r->header + sizeof(r->header) - 20, "\nRange: bytes=123456", 20);
+  HTTP_get_range_header(r);
+  EXPECT_EQ(r->range_start, 12345);
+}
+
+TEST(HttpTimeRange, ParsesAsWrittenWithItsOverflowRule) {
+  int32_t clock = 0;
+  EXPECT_EQ(HTTP_parse_time_range("10.5", &clock), 10005u);  // fraction as written
+  EXPECT_EQ(clock, 0);
+  EXPECT_EQ(HTTP_parse_time_range("1:00:00.000", &clock), 3600000u);
+  EXPECT_EQ(clock, 1);
+  EXPECT_EQ(HTTP_parse_time_range(" 1 2.3", nullptr), 12003u);
+  EXPECT_EQ(HTTP_parse_time_range("5x7", nullptr), 5000u);
+  // Without a fraction the clock form is 1000 times too large: ten minutes still fits, one
+  // hour overflows and is capped.
+  EXPECT_EQ(HTTP_parse_time_range("0:10:00", nullptr), 600000000u);
+  EXPECT_EQ(HTTP_parse_time_range("1:00:00", nullptr), 2147483647u);
+  EXPECT_EQ(static_cast<int32_t>(HTTP_parse_time_range("", nullptr)), -2);
+  EXPECT_EQ(static_cast<int32_t>(HTTP_parse_time_range(":.", nullptr)), -2);
+  EXPECT_EQ(HTTP_parse_time_range(nullptr, nullptr), 0u);
+}
+
+TEST(HttpTimeRange, FormatsAndFreesTimeSeekRecords) {
+  char buffer[32];
+  char small[4];
+  EXPECT_EQ(upnp_range_to_string(3723004, buffer, sizeof(buffer)), 9);
+  EXPECT_STREQ(buffer, "1:2:3.004");
+  upnp_range_to_string(int64_t{61} * 3600000 + 1000, buffer, sizeof(buffer));
+  EXPECT_STREQ(buffer, "1:0:1.000");  // hours wrap at 60
+  EXPECT_EQ(upnp_range_to_string(3723004, small, sizeof(small)), 9);
+  EXPECT_STREQ(small, "1:2");
+  EXPECT_EQ(upnp_range_to_string(5, nullptr, 10), 0);
+
+  const uint32_t before = upnp_mem_used();
+  auto* record = static_cast<upnp_timeseek*>(upnp_calloc_impl(1, sizeof(upnp_timeseek)));
+  record->text = upnp_strdup_impl("npt=1-2");
+  upnp_timeseek_free(record);
+  upnp_timeseek_free(nullptr);
+  EXPECT_EQ(upnp_mem_used(), before);
+}
+
+}  // namespace
