@@ -21,6 +21,10 @@ for name in sorted(runs):
         r = runs[name]
         print(f"  {name:24s} {r['bytes_per_second']/1e6:9.1f} MB/s")
 PY
-if [ -x "$dir/bench/tw_http_bench" ] && [ -f scripts/bench-http.sh ]; then
+if [ -f scripts/bench-http.sh ]; then
   sh scripts/bench-http.sh "$dir"
+fi
+# Server core: start-up and search-answer times, inside the private loopback namespace.
+if [ -x "$dir/bench/tw_server_bench" ]; then
+  sh scripts/netns-run.sh "$dir/bench/tw_server_bench"
 fi

@@ -1,13 +1,64 @@
 #!/bin/sh
-# The main job. The example media-server host is not built yet; until it is, say what this
-# command will do and show the configuration tool that already works.
+# The main job (make run): the example media server, tarnwick-mediaserver, on 127.0.0.1:9000
+# sharing the sample folder the build writes (build/sample).
+#
+# It runs inside a private network namespace whose only interface is loopback, so its SSDP
+# announcements can never reach a real network. Ctrl-C stops it (with its byebyes).
+# Environment: BUILD_DIR (default build), TW_RUN_SECONDS (stop by itself after that many
+# seconds; default: run until Ctrl-C).
 set -eu
-cat <<'TXT'
-Tarnwick UPnP SDK - main job
+dir=${BUILD_DIR:-build}
+bin=$dir/tarnwick-mediaserver
+url=http://127.0.0.1:9000/
 
-The example host (tarnwick-mediaserver) is not part of the build yet. When it lands, this command
-will start it inside a private loopback-only network namespace on http://127.0.0.1:9000/,
-announce a MediaServer over SSDP and share a small sample folder that the build makes.
+if [ "${TW_IN_NETNS:-}" != 1 ]; then
+  if [ ! -x "$bin" ]; then
+    echo "run-main: $bin is not built (make build)" >&2
+    exit 1
+  fi
+  cat <<TXT
+Tarnwick UPnP SDK - example media server
 
-What exists now: the library itself (build/libtarnwick_upnp.so) and its tests (make test).
+Starting tarnwick-mediaserver inside a private, loopback-only network namespace: it announces a
+UPnP MediaServer over SSDP and serves the folder $dir/sample, but nothing it sends can leave
+this machine's private namespace.
+
+  Open: $url   (device description: ${url}TMSDeviceDescription.xml)
+
+The URL answers inside that namespace; the requests below show it. To open it in a browser on
+this machine, or to serve a real network, run the binary yourself (see README.md, "The example
+media server"):  $bin -ip 127.0.0.1 -folder $dir/sample
+
+Press Ctrl-C to stop.
 TXT
+  exec sh scripts/netns-run.sh sh "$0" "$@"
+fi
+
+data=$(mktemp -d)
+# Standard error repeats every log line (the Android log sink); standard output has them all.
+"$bin" -ip 127.0.0.1 -httpport 9000 -folder "$dir/sample" -appdata "$data" 2> /dev/null &
+server=$!
+stop() {
+  kill -INT "$server" 2> /dev/null || true
+}
+trap stop INT TERM
+
+if command -v curl > /dev/null 2>&1; then
+  i=0
+  until curl -s -o /dev/null "${url}index.html"; do
+    i=$((i + 1))
+    if [ $i -gt 50 ]; then echo "run-main: the server did not answer" >&2; break; fi
+    sleep 0.1
+  done
+  echo "---- GET ${url}files/numbers.txt, bytes 0-29:"
+  curl -s -i -r 0-29 "${url}files/numbers.txt" | tr -d '\r'
+  echo
+  echo "---- the server answers; its log follows. Ctrl-C to stop."
+fi
+
+if [ -n "${TW_RUN_SECONDS:-}" ]; then
+  (sleep "$TW_RUN_SECONDS" && kill -INT "$server" 2> /dev/null) &
+fi
+# wait returns early when a trapped signal arrives; then wait for the server's clean stop.
+wait "$server" || wait "$server" || true
+rm -rf "$data"

@@ -15,6 +15,9 @@
 #include "tarnwick/util.h"
 #include "tarnwick/media.h"
 #include "tarnwick/config.h"
+#include "tarnwick/clientdb.h"
+#include "tarnwick/http.h"
+#include "tarnwick/ssdp.h"
 #include "tarnwick/server.h"
 
 #endif /* TARNWICK_UPNP_H */

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+// The shared folder over HTTP: "/files/<name>" streams one file of the folder with byte ranges,
+// "/index.html" (also served for "/") lists the folder. Only plain files directly inside the
+// folder are served; a name with ".." or "/" in it is refused.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host.h"
+#include "tarnwick/http.h"
+#include "tarnwick/media.h"
+#include "tarnwick/platform.h"
+
+namespace mediaserver {
+namespace {
+
+constexpr char kFilesPrefix[] = "/files/";
+constexpr uint32_t kBlockSize = 64 * 1024;
+constexpr int32_t kStatusOk = 200;
+constexpr int32_t kStatusPartial = 206;
+constexpr int32_t kStatusBadRequest = 400;
+constexpr int32_t kStatusNotAcceptable = 406;
+constexpr int32_t kStatusRangeNotSatisfiable = 416;
+
+// The status for a range the request asks for that cannot be served, else 0.
+int32_t RangeError(const HttpRequest& request, int64_t size) {
+  const int64_t start = request.range_start;
+  const int64_t end = request.range_end;
+  if (start == HTTP_RANGE_UNSET || end == HTTP_RANGE_UNSET) return kStatusBadRequest;
+  if (start == HTTP_RANGE_REFUSED || end == HTTP_RANGE_REFUSED) return kStatusNotAcceptable;
+  if (request.is_timeseek != 0) return kStatusNotAcceptable;  // files here have no timeline
+  if (start < 0) return 0;
+  if (start >= size || (end >= 0 && end < start)) return kStatusRangeNotSatisfiable;
+  return 0;
+}
+
+bool SendBody(HttpRequest* request, upnp_file* file, int64_t offset, int64_t length) {
+  if (upnp_file_seek(file, offset, 0) != offset) return false;
+  std::vector<char> block(kBlockSize);
+  while (length > 0) {
+    const uint32_t want = length < kBlockSize ? static_cast<uint32_t>(length) : kBlockSize;
+    const int32_t got = upnp_file_read(file, block.data(), want);
+    if (got <= 0) return false;
+    if (upnp_send_ssl(request, block.data(), got) < 0) return false;
+    length -= got;
+  }
+  return true;
+}
+
+int32_t OnFile(HttpRequest* request) {
+  std::string name = request->url + std::strlen(kFilesPrefix);
+  name = name.substr(0, name.find('?'));
+  if (name.empty()) return upnp_http_redirect(request, "/index.html");
+  if (name.find("..") != std::string::npos || name.find('/') != std::string::npos) {
+    // Nothing outside the folder, and no sub-folders. (The library's status table has no 403.)
+    Say("refused %s", request->url);
+    request->mime_type = "text/plain";
+    return HTTP_send_error_code(request, kStatusBadRequest);
+  }
+  const std::string path = CurrentSettings().folder + "/" + name;
+  upnp_stat info{};
+  if (upnp_file_stat(path.c_str(), &info) != 0 || (info.mode & UPNP_S_IFMT) != UPNP_S_IFREG) {
+    return HTTP_send_file_not_found(request);
+  }
+  const auto size = static_cast<int64_t>(info.size);
+  request->mime_type = HTTP_get_mime_type(request, HTTP_get_extension(name.c_str()));
+  request->content_length = size;
+  request->total_size = size;
+  HTTP_get_range_header(request);
+  if (const int32_t error = RangeError(*request, size); error != 0) {
+    request->content_length = 0;
+    return HTTP_send_error_code(request, error);
+  }
+  int32_t status = kStatusOk;
+  int64_t offset = 0;
+  if (request->range_start >= 0) {
+    if (request->range_end < 0 || request->range_end >= size) request->range_end = size - 1;
+    offset = request->range_start;
+    request->content_length = request->range_end - request->range_start + 1;
+    status = kStatusPartial;
+  }
+  upnp_file* file = upnp_file_open_read(path.c_str());
+  if (file == nullptr) return HTTP_send_file_not_found(request);
+  int32_t result = HTTP_send_header(request, status);
+  if (result == 0 && (request->method & HTTP_METHOD_HEAD) == 0 && request->content_length > 0) {
+    result = SendBody(request, file, offset, request->content_length) ? 0 : 1;
+  }
+  upnp_file_close(file);
+  return result;
+}
+
+int32_t OnIndex(HttpRequest* request) {
+  const Settings& settings = CurrentSettings();
+  std::string html =
+      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>" +
+      XmlEscape(settings.friendly_name) + "</title></head><body>\n<h1>" +
+      XmlEscape(settings.friendly_name) + "</h1>\n<p>Sharing " + XmlEscape(settings.folder) +
+      " &middot; <a href=\"/TMSDeviceDescription.xml\">device description</a></p>\n<ul>\n";
+  int listed = 0;
+  for (upnp_find_handle* entry = upnp_file_find_first_file(settings.folder.c_str());
+       entry != nullptr; entry = upnp_file_find_next_file(entry)) {
+    if (upnp_file_find_is_dir(entry) != 0) continue;
+    const std::string name = upnp_file_find_get_name(entry);
+    html += "<li><a href=\"" + std::string(kFilesPrefix) + UrlEscape(name) + "\">" +
+            XmlEscape(name) + "</a></li>\n";
+    ++listed;
+  }
+  if (listed == 0) html += "<li>(no files)</li>\n";
+  html += "</ul>\n</body></html>\n";
+  request->mime_type = "text/html; charset=utf-8";
+  request->content_length = static_cast<int64_t>(html.size());
+  return HTTP_send(request, html.c_str());
+}
+
+}  // namespace
+
+void RegisterFolderHandlers() {
+  const uint32_t get = HTTP_METHOD_GET | HTTP_METHOD_HEAD;
+  upnp_http_register_handler(&OnFile, get, kFilesPrefix, 0, 0);
+  upnp_http_register_handler(&OnIndex, get, "/index.html", 0, 0);
+  upnp_http_set_default_url("/index.html");
+}
+
+}  // namespace mediaserver

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+// The example media server host: what its parts share. Everything here is set up in main()
+// before upnp_server_start and only read afterwards, from the library's threads.
+#pragma once
+
+#include <string>
+
+namespace mediaserver {
+
+// Application property (keys from 18 up belong to the host): the folder that is shared.
+constexpr unsigned kFolderKey = 18;
+
+struct Settings {
+  std::string folder;         // absolute or relative path of the shared folder
+  std::string friendly_name;  // the "friendlyname" property, or a default
+  std::string udn;            // the media server's UDN
+};
+const Settings& CurrentSettings();
+void SetSettings(const Settings& settings);
+
+// Prints one host line to standard output ("mediaserver: ..."); thread-safe.
+void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// description.cpp: the device description, the service documents and their control URLs.
+void RegisterDescriptionHandlers();
+// folder.cpp: "/files/<name>" with byte ranges, and the index page at "/index.html".
+void RegisterFolderHandlers();
+// discovery.cpp: answers M-SEARCH requests.
+void RegisterSearchHandler();
+
+// Text helpers shared by the handlers.
+std::string XmlEscape(const std::string& text);
+std::string UrlEscape(const std::string& text);
+
+}  // namespace mediaserver

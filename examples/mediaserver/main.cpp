@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+// tarnwick-mediaserver: the first runnable host of the library. It shares one folder over HTTP
+// (with byte ranges), announces a UPnP MediaServer over SSDP and answers searches for it.
+//
+//   tarnwick-mediaserver [-folder PATH] [-ip ADDRESS] [-httpport PORT] [-friendlyname NAME]
+//                        [-v MASK] [any other property of the library as -name value]
+//
+// It runs until SIGINT or SIGTERM, then stops the servers (which sends the byebyes) and exits.
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+#include "host.h"
+#include "tarnwick/config.h"
+#include "tarnwick/http.h"
+#include "tarnwick/log.h"
+#include "tarnwick/platform.h"
+#include "tarnwick/server.h"
+#include "tarnwick/ssdp.h"
+
+namespace mediaserver {
+namespace {
+
+constexpr char kDefaultName[] = "Tarnwick Media Server";
+constexpr int32_t kPollMs = 100;
+constexpr int32_t kSettleMs = 100;
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+
+volatile std::sig_atomic_t g_stop_signal = 0;
+Settings g_settings;
+std::mutex g_say_mutex;
+
+void OnSignal(int signal_number) { g_stop_signal = signal_number; }
+
+// Library log categories shown when the user chose none: the server core's start and stop lines.
+constexpr uint32_t kDefaultLogMask = UPNP_LOG_SYSTEM;
+
+bool Configure(int argc, char** argv) {
+  upnp_ini_file_init();
+  upnp_ini_file_set_default_appname("tarnwick-mediaserver");
+  upnp_ini_file_create_property(kFolderKey, "folder", ".", "Folder shared by the media server", 0,
+                                0, 0, 1);
+  if (upnp_ini_file_parse_cmdline(argc, argv) != 0) {
+    std::printf("       -folder PATH  the folder to share (default: the current directory)\n");
+    return false;
+  }
+  // A host that announces at once: the default start delay (nmcmode 1) is for set-top boxes
+  // that wait for their network. Only when nobody chose a mode.
+  if (upnp_ini_file_isModified(UPNP_INI_KEY_NMCMODE) == 0) {
+    upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_NMCMODE, "0");
+  }
+  if (upnp_ini_file_isModified(UPNP_INI_KEY_V) == 0) upnp_log_set_mode(kDefaultLogMask);
+  return true;
+}
+
+}  // namespace
+
+const Settings& CurrentSettings() { return g_settings; }
+void SetSettings(const Settings& settings) { g_settings = settings; }
+
+void Say(const char* format, ...) {
+  std::lock_guard<std::mutex> lock(g_say_mutex);
+  std::fputs("mediaserver: ", stdout);
+  va_list arguments;
+  va_start(arguments, format);
+  std::vprintf(format, arguments);
+  va_end(arguments);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+}  // namespace mediaserver
+
+int main(int argc, char** argv) {
+  using namespace mediaserver;
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  upnp_mem_init();
+  upnp_log_init(nullptr);  // standard output
+  if (!Configure(argc, argv)) {
+    upnp_ini_file_release();
+    upnp_log_exit();
+    return kExitOk;
+  }
+
+  Settings settings;
+  const char* folder = upnp_ini_file_getString(kFolderKey);
+  settings.folder = folder != nullptr && folder[0] != '\0' ? folder : ".";
+  const char* name = upnp_ini_file_getString(UPNP_INI_KEY_FRIENDLYNAME);
+  settings.friendly_name = name != nullptr && name[0] != '\0' ? name : kDefaultName;
+  settings.udn = upnp_get_server_udn();
+  SetSettings(settings);
+  upnp_stat info{};
+  if (upnp_file_stat(settings.folder.c_str(), &info) != 0 ||
+      (info.mode & UPNP_S_IFMT) != UPNP_S_IFDIR) {
+    Say("cannot share %s: not a folder", settings.folder.c_str());
+    upnp_ini_file_release();
+    upnp_log_exit();
+    return kExitFailed;
+  }
+
+  RegisterDescriptionHandlers();
+  RegisterFolderHandlers();
+  RegisterSearchHandler();
+  upnp_ssdp_isMediaServer();
+  std::signal(SIGINT, OnSignal);
+  std::signal(SIGTERM, OnSignal);
+
+  upnp_server_start(&g_server_running);
+  Say("%s (%s) sharing %s", settings.friendly_name.c_str(), settings.udn.c_str(),
+      settings.folder.c_str());
+  for (int32_t i = 0; i < g_nInterfaceCount; ++i) {
+    const upnp_server_data* record = getHTTPServerData(i);
+    if (record != nullptr && record->http_socket != -1) {
+      Say("open http://%s:%d/  (description: http://%s:%d/TMSDeviceDescription.xml)",
+          record->ip_address, static_cast<int>(record->http_port), record->ip_address,
+          static_cast<int>(record->http_port));
+    }
+  }
+
+  // The signal handler only sets the flag; everything else happens here.
+  while (g_stop_signal == 0) {
+    Sleep(kPollMs);
+    check_NIC_change(getSystemTime() / 1000);
+  }
+  Say("signal %d: stopping", static_cast<int>(g_stop_signal));
+  // The heartbeat sees the stopping state during stop's pause and sends its byebyes then.
+  upnp_server_stop(&g_server_running);
+  // The listener ends 50 ms after its socket closed; give the detached threads that long before
+  // the log goes away. Handlers stay registered: a connection a client keeps alive still has its
+  // worker, which may yet dispatch one last request; the process end takes it with it.
+  Sleep(kSettleMs);
+  Say("stopped");
+  upnp_log_exit();
+  return kExitOk;
+}
