@@ -1,25 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
-
-#include <string>
 #include <thread>
 
-#include "platform/test_hooks.h"
-#include "support/http_peer.h"
-#include "support/test_support.h"
-#include "tarnwick/http.h"
-#include "tarnwick/util.h"
+#include "http/http_test_util.h"
 
 namespace {
 
+using tw::test::Take;
 constexpr char kChunked[] = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-
-std::string Take(upnp_string* s) {
-  if (s == nullptr) return "<null>";
-  std::string out(s->buffer, s->length);
-  upnp_string_free(s);
-  return out;
-}
 
 class HttpBody : public tw::test::LeakCheck {
  protected:

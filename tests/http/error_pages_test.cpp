@@ -1,18 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/error_pages.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <memory>
-#include <string>
-
-#include "platform/test_hooks.h"
-#include "support/http_peer.h"
-#include "support/test_support.h"
-#include "tarnwick/http.h"
+#include "http/http_test_util.h"
 
 namespace {
+
+using tw::test::HeaderValue;
 
 const std::string kNotFoundPage =
     "<HTML><HEAD><TITLE>404 Not Found</TITLE></HEAD><BODY><H1>Not Found</H1>The requested URL "
@@ -21,19 +16,10 @@ const std::string kRestrictedPage =
     "<HTML><HEAD><TITLE>401 Unauthorized</TITLE></HEAD><BODY><H1>Unauthorized</H1>Access to "
     "this page is restricted.</BODY></HTML>";
 
-std::unique_ptr<HttpRequest> MakeRequest(int32_t socket) {
-  auto request = std::make_unique<HttpRequest>();
+tw::test::RequestPtr MakeRequest(int32_t socket) {
+  auto request = tw::test::GetRequest("/missing", "HOST: x\r\n");
   request->socket = socket;
-  request->http_version = 11;
-  snprintf(request->url, sizeof(request->url), "/missing");
-  snprintf(request->header, sizeof(request->header), "GET /missing HTTP/1.1\r\nHOST: x\r\n\r\n");
   return request;
-}
-
-std::string Value(const std::string& head, const std::string& name) {
-  const size_t at = head.find("\r\n" + name + ": ");
-  if (at == std::string::npos) return "<missing>";
-  return head.substr(at + name.size() + 4, head.find("\r\n", at + 2) - at - name.size() - 4);
 }
 
 std::string g_tls_sent;
@@ -66,16 +52,11 @@ TEST_F(HttpErrorPages, PagesGoOutByteExactFromACopyOfTheRequest) {
   EXPECT_STREQ(request->mime_type, "text/html; charset=utf-8");
   EXPECT_STREQ(request->extra_headers, "");
   const auto found = pair.client().ReadResponse();
-  const std::string date = Value(found.head, "Date");
-  EXPECT_EQ(
-      found.head + found.body,
-      "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: "
-      "132\r\nDate: " +
-          date +
-          "\r\nPragma: no-cache\r\nCache-control: no-cache\r\n"
-          "Accept-Ranges: bytes\r\nConnection: keep-alive\r\nEXT:\r\nServer: " UPNP_SERVER_BANNER
-          "\r\n\r\n" +
-          kNotFoundPage);
+  EXPECT_EQ(found.head + found.body,
+            "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: "
+            "132\r\nDate: " + HeaderValue(found.head, "Date") + "\r\nPragma: no-cache\r\n"
+            "Cache-control: no-cache\r\nAccept-Ranges: bytes\r\nConnection: keep-alive\r\nEXT:"
+            "\r\nServer: " UPNP_SERVER_BANNER "\r\n\r\n" + kNotFoundPage);
   // The realm line ends in a bare LF.
   const auto restricted = pair.client().ReadResponse();
   char host[128] = "";
@@ -115,7 +96,7 @@ TEST_F(HttpErrorPages, BareStatusAndTextBodies) {
   EXPECT_EQ(HTTP_send_service_unavailable(request.get(), std::string(2000, 'd').c_str()), 0);
   const auto bare = pair.client().ReadResponse();
   EXPECT_EQ(bare.head.rfind("HTTP/1.1 400 Bad Request\r\n", 0), 0u);
-  EXPECT_EQ(Value(bare.head, "Content-Length") + bare.body, "0");
+  EXPECT_EQ(HeaderValue(bare.head, "Content-Length") + bare.body, "0");
   const auto boom = pair.client().ReadResponse();
   EXPECT_EQ(boom.status, 500);
   EXPECT_EQ(boom.body, "boom");
@@ -140,8 +121,9 @@ TEST_F(HttpErrorPages, FailuresGiveOneAndNeverHalfAResponse) {
   for (int n = 0; n < 32 && !succeeded; ++n) {
     tw::test::PeerPair pair;
     ASSERT_TRUE(pair.Open());
+    auto request = MakeRequest(pair.server_fd());
     tw::platform::FailAllocAfter(n);
-    const int32_t result = HTTP_send_file_not_found(MakeRequest(pair.server_fd()).get());
+    const int32_t result = HTTP_send_file_not_found(request.get());
     succeeded = !tw::platform::AllocFailureFired();
     tw::platform::ClearAllocFailure();
     pair.CloseServer();

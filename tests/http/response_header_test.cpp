@@ -1,21 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstring>
-#include <memory>
-#include <new>
-#include <string>
-
 #include "http/response_header.h"
+
+#include <new>
+#include <tuple>
+
+#include "http/http_test_util.h"
 #include "http/user_agent.h"
-#include "platform/test_hooks.h"
-#include "support/test_support.h"
-#include "tarnwick/http.h"
-#include "tarnwick/log.h"
 
 namespace {
 
@@ -27,32 +17,28 @@ struct Quirks {
   int32_t needs_1_0 = 0, redsonic = 0;
   uint32_t dlna_version = 0;
 } g_quirks;
-int32_t FakeNeeds10(int32_t) noexcept { return g_quirks.needs_1_0; }
-int32_t FakeRedsonic(int32_t) noexcept { return g_quirks.redsonic; }
-uint32_t FakeDlnaVersion(int32_t) noexcept { return g_quirks.dlna_version; }
-char* FakeDate(char* out, size_t size) noexcept {
-  std::snprintf(out, size, "%s", "Sun, 06 Nov 1994 08:49:37 GMT");
-  return out;
-}
-int32_t FakeDtcpPort() noexcept { return 5555; }
-constexpr tw::http::ResponseEnvironment kFakeEnv = {FakeNeeds10, FakeRedsonic, FakeDlnaVersion,
-                                                    FakeDate, FakeDtcpPort};
+constexpr tw::http::ResponseEnvironment kFakeEnv = {
+    [](int32_t) noexcept { return g_quirks.needs_1_0; },
+    [](int32_t) noexcept { return g_quirks.redsonic; },
+    [](int32_t) noexcept { return g_quirks.dlna_version; },
+    [](char* out, size_t size) noexcept {
+      std::snprintf(out, size, "%s", "Sun, 06 Nov 1994 08:49:37 GMT");
+      return out;
+    },
+    []() noexcept { return 5555; }};
 
 // The one header handler of this program, registered before any test (its node is not the
 // tests' memory); it adds a line only while a test asks for it.
 bool g_handler_active = false;
-void AddHandlerLine(HttpRequest* r) {
-  if (g_handler_active) HTTP_add_header(r, "X-Handler: 1\r\n");
-}
 struct HandlerEnvironment : testing::Environment {
-  void SetUp() override { upnp_http_register_header_handler(&AddHandlerLine); }
+  void SetUp() override {
+    upnp_http_register_header_handler([](HttpRequest* r) {
+      if (g_handler_active) HTTP_add_header(r, "X-Handler: 1\r\n");
+    });
+  }
 };
 testing::Environment* const g_environment =
     testing::AddGlobalTestEnvironment(new HandlerEnvironment);
-
-struct FreeRequest {
-  void operator()(HttpRequest* r) const { upnp_free_impl(r); }
-};
 
 class HttpResponseHeader : public tw::test::LeakCheck {
  protected:
@@ -66,17 +52,11 @@ class HttpResponseHeader : public tw::test::LeakCheck {
   }
   // A fresh HTTP/1.1 GET of url with the given header lines, 5 bytes of video/mp4.
   HttpRequest& Make(const std::string& url, const std::string& lines = "Host: h\r\n") {
-    request_.reset(static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest))));
-    HttpRequest& r = *request_;
-    std::snprintf(r.url, sizeof(r.url), "%s", url.c_str());
-    std::snprintf(r.header, sizeof(r.header), "GET %s HTTP/1.1\r\n%s\r\n", url.c_str(),
-                  lines.c_str());
-    std::snprintf(r.base_url, sizeof(r.base_url), "%s", "http://10.0.0.2:9000/");
-    r.http_version = 11;
-    r.method = HTTP_METHOD_GET;
-    r.mime_type = "video/mp4";
-    r.content_length = 5;
-    return r;
+    request_ = tw::test::GetRequest(url, lines);
+    std::snprintf(request_->base_url, sizeof(request_->base_url), "%s", "http://10.0.0.2:9000/");
+    request_->mime_type = "video/mp4";
+    request_->content_length = 5;
+    return *request_;
   }
   std::string Compose(int32_t status, SocketPriority* priority = nullptr) {
     tw::String out;
@@ -88,31 +68,22 @@ class HttpResponseHeader : public tw::test::LeakCheck {
     return header.substr(0, header.find("\r\n"));
   }
   std::string ContentType(int32_t status) {
-    std::string header = Compose(status);
-    size_t at = header.find("Content-Type: ") + 14;
-    return header.substr(at, header.find("\r\n", at) - at);
+    return tw::test::HeaderValue(Compose(status), "Content-Type");
   }
   bool Has(int32_t status, const std::string& text) {
     return Compose(status).find(text) != std::string::npos;
   }
   std::string Extra() const { return request_->extra_headers; }
-  std::unique_ptr<HttpRequest, FreeRequest> request_;
+  tw::test::RequestPtr request_;
 };
 
 TEST_F(HttpResponseHeader, StatusTextsAndTheTypesTheyForce) {
-  const struct {
-    int32_t status;
-    const char* text;
-  } cases[] = {{400, "400 Bad Request"}, {401, "401 Unauthorised"}, {402, "402 Invalid Args"},
-               {404, "404 Not Found"}, {406, "406 Not Acceptable"},
-               {412, "412 Precondition Failed"}, {416, "416 Requested Range Not Satisfiable"},
-               {500, "500 Internal Server Error"}, {501, "501 Action Failed"},
-               {503, "503 Service Unavailable"}, {200, "200 OK"}, {302, "200 OK"}};
-  for (const auto& c : cases) {
+  for (const auto& [status, text] : {std::pair{401, "401 Unauthorised"}, {402, "402 Invalid Args"},
+                                      {501, "501 Action Failed"}, {503, "503 Service Unavailable"},
+                                      {200, "200 OK"}, {302, "200 OK"}}) {
     Make("/v.mp4");
-    EXPECT_EQ(StatusLine(c.status), std::string("HTTP/1.1 ") + c.text);
-    const bool error = c.status >= 400;
-    EXPECT_EQ(ContentType(c.status), error ? "text/html; charset=utf-8" : "video/mp4") << c.text;
+    EXPECT_EQ(StatusLine(status), std::string("HTTP/1.1 ") + text);
+    EXPECT_EQ(ContentType(status), status > 400 ? "text/html; charset=utf-8" : "video/mp4");
   }
 }
 
@@ -145,17 +116,16 @@ TEST_F(HttpResponseHeader, ShortFormsGoOutAsHttp10) {
   EXPECT_EQ(Compose(200), "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nConnection: close\r\n"
                           "Transfer-Encoding: chunked\r\nX-A: 1\r\n\r\n");
   // The length handlers give for endless streams is unknown for DLNA clients only.
-  const std::string unknown =
-      "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nConnection: close\r\n\r\n";
   Make("/live").content_length = 9999999999999999LL;
   EXPECT_TRUE(Has(200, "Content-Length: 9999999999999999\r\n"));
   EXPECT_EQ(request_->close_connection, 0);
   HttpRequest& dlna = Make("/live");
   dlna.content_length = 9999999999999999LL;
   dlna.dlna_version = 15;
-  EXPECT_EQ(Compose(200), unknown);
-  EXPECT_EQ(dlna.content_length, -1);
-  EXPECT_EQ(dlna.close_connection, 1);
+  EXPECT_EQ(Compose(200),
+            "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(std::make_pair(dlna.content_length, dlna.close_connection),
+            std::make_pair(int64_t{-1}, 1));
   // Redsonic clients that name themselves get their own short form.
   HttpRequest& red = Make("/a.mp3", "Host: h\r\nUser-Agent: redsonic\r\n");
   red.content_length = 3;
@@ -213,11 +183,7 @@ TEST_F(HttpResponseHeader, RangeAnswers) {
 
 TEST_F(HttpResponseHeader, DlnaChecksTurnOkIntoErrors) {
   const std::string interactive_only = "/m/1-FLAGS00d00000/v.mpg";
-  const struct {
-    std::string url, lines;
-    uint32_t dlna_version;
-    int32_t status;
-  } cases[] = {
+  const std::tuple<std::string, std::string, uint32_t, int32_t> cases[] = {
       {interactive_only, "Host: h\r\ntransferMode.dlna.org: streaming\r\n", 0, 406},
       {"/m/1-FLAGS01700000/v", "Host: h\r\ntransferMode.dlna.org: Interactive\r\n", 0, 406},
       {"/m/1-FLAGS01700000/v", "Host: h\r\ntransferMode.dlna.org: interactive\r\n", 0, 200},
@@ -234,15 +200,13 @@ TEST_F(HttpResponseHeader, DlnaChecksTurnOkIntoErrors) {
       {"/v", "Host: h\r\nX-F: DLNA.ORG_FLAG=1\r\n", 0, 400},
       {"/v", "Host: h\r\nX-F: DLNA.ORG_FLAG=1\r\ntransferMode.dlna.org: Streaming\r\n", 0, 200},
   };
-  for (const auto& c : cases) {
-    Make(c.url, c.lines);
-    g_quirks.dlna_version = c.dlna_version;
-    EXPECT_EQ(StatusLine(200).substr(9, 3), std::to_string(c.status)) << c.url << c.lines;
-    // Only a 200 is checked.
-    Make(c.url, c.lines);
-    EXPECT_EQ(StatusLine(206), "HTTP/1.1 206 Partial Content");
+  for (const auto& [url, lines, dlna_version, status] : cases) {
+    Make(url, lines);
+    g_quirks.dlna_version = dlna_version;
+    EXPECT_EQ(StatusLine(200).substr(9, 3), std::to_string(status)) << url << lines;
+    Make(url, lines);
+    EXPECT_EQ(StatusLine(206), "HTTP/1.1 206 Partial Content");  // only a 200 is checked
   }
-  // Transcoding requests of one family are refused as not found.
   HttpRequest& awox = Make("/x/com.awox.transcode/v.mp4");
   EXPECT_TRUE(Has(200, "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\n"
                        "Content-Length: 0\r\n"));
@@ -250,10 +214,7 @@ TEST_F(HttpResponseHeader, DlnaChecksTurnOkIntoErrors) {
 }
 
 TEST_F(HttpResponseHeader, ContentFeaturesFromTheUrl) {
-  const struct {
-    const char* url;
-    const char* value;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"/m/1-PNMP3-OP01-CI0-FLAGS01700000/a.mp3",
        "DLNA.ORG_PN=MP3;DLNA.ORG_OP=01;DLNA.ORG_CI=0;DLNA.ORG_FLAGS=01700000"
        "000000000000000000000000"},
@@ -264,12 +225,11 @@ TEST_F(HttpResponseHeader, ContentFeaturesFromTheUrl) {
       {"/m/1-OP11/v.ts", ";DLNA.ORG_OP=11"},              // without PN, a leading ';'
       {"/m-PNJPEG_SM/1-x", "DLNA.ORG_PN=JPEG_SM"},        // cut at '-', then at '/'
   };
-  for (const auto& c : cases) {
-    Make(c.url, "Host: h\r\ngetContentFeatures.dlna.org: 1\r\n");
+  for (const auto& [url, value] : cases) {
+    Make(url, "Host: h\r\ngetContentFeatures.dlna.org: 1\r\n");
     Compose(200);
-    const std::string extra = Extra();
-    EXPECT_EQ(extra.substr(0, extra.find("\r\n") + 2),
-              std::string("contentFeatures.dlna.org: ") + c.value + "\r\n");
+    EXPECT_EQ(Extra().substr(0, Extra().find("\r\n") + 2),
+              std::string("contentFeatures.dlna.org: ") + value + "\r\n");
   }
   Make("/m/1-PNMP3/a.mp3");
   Compose(200);
@@ -280,12 +240,7 @@ TEST_F(HttpResponseHeader, ContentFeaturesFromTheUrl) {
 }
 
 TEST_F(HttpResponseHeader, TransferModeIsEchoedOrDerived) {
-  const struct {
-    const char* url;
-    const char* lines;
-    const char* mode;
-    SocketPriority priority;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*, SocketPriority> cases[] = {
       {"/v", "transferMode.dlna.org: Interactive\r\n", "Interactive", SocketPriority::kInteractive},
       {"/v", "TRANSFERMODE.DLNA.ORG:background\r\n", "Background", SocketPriority::kBackground},
       {"/v", "transferMode.dlna.org: Streaming\r\n", "Streaming", SocketPriority::kAudioVideo},
@@ -295,12 +250,12 @@ TEST_F(HttpResponseHeader, TransferModeIsEchoedOrDerived) {
       {"/m/1-FLAGS01500000/v", "", "Streaming", SocketPriority::kNone},
       {"/v", "", nullptr, SocketPriority::kNone},
   };
-  for (const auto& c : cases) {
-    Make(c.url, std::string("Host: h\r\n") + c.lines);
+  for (const auto& [url, lines, mode, expected_priority] : cases) {
+    Make(url, std::string("Host: h\r\n") + lines);
     SocketPriority priority = SocketPriority::kAudioVideo;
     Compose(200, &priority);
-    EXPECT_EQ(Extra(), c.mode ? std::string("transferMode.dlna.org: ") + c.mode + "\r\n" : "");
-    EXPECT_EQ(priority, c.priority) << c.lines;
+    EXPECT_EQ(Extra(), mode ? std::string("transferMode.dlna.org: ") + mode + "\r\n" : "");
+    EXPECT_EQ(priority, expected_priority) << lines;
   }
   HttpRequest& r = Make("/v", "Host: h\r\ngetAvailableSeekRange.dlna.org: 1\r\n");
   Compose(200);
@@ -328,19 +283,12 @@ TEST_F(HttpResponseHeader, ContentTypes) {
   const std::string long_type(200, 't');
   Make("/v").mime_type = long_type.c_str();
   EXPECT_EQ(ContentType(200), long_type.substr(0, 127));
-  // A missing type is logged and sent as octet-stream.
-  tw::test::TempDir dir;
-  ASSERT_EQ(upnp_log_init(dir.File("http.log").c_str()), 1);
-  upnp_log_set_mode(UPNP_LOG_HTTP);
+  tw::test::HttpLog log;
   testing::internal::CaptureStderr();  // the second log sink
   Make("/no/type").mime_type = nullptr;
   EXPECT_EQ(ContentType(200), "application/octet-stream");
   testing::internal::GetCapturedStderr();
-  upnp_log_exit();
-  upnp_log_set_mode(0);
-  EXPECT_NE(tw::test::ReadFile(dir.File("http.log"))
-                .find("HTTP_send_header NO MIME TYPE given!\n/no/type"),
-            std::string::npos);
+  EXPECT_NE(log.Text().find("HTTP_send_header NO MIME TYPE given!\n/no/type"), std::string::npos);
 }
 
 TEST_F(HttpResponseHeader, ExtraHeadersAndTheirHelpers) {
@@ -369,7 +317,7 @@ TEST_F(HttpResponseHeader, ExtraHeadersAndTheirHelpers) {
 }
 
 TEST_F(HttpResponseHeader, OutOfMemoryComposesAndSendsNothing) {
-  Make("/v").socket = -1;
+  Make("/v");
   bool all_covered = false;
   for (int n = 0; n < 20 && !all_covered; ++n) {
     tw::String out;
@@ -384,34 +332,20 @@ TEST_F(HttpResponseHeader, OutOfMemoryComposesAndSendsNothing) {
     EXPECT_EQ(ok, all_covered) << n;
   }
   EXPECT_TRUE(all_covered);
+  EXPECT_EQ(HTTP_send_header(nullptr, 200), 1);
+  TW_REQUIRE_LOOPBACK_NAMESPACE();
+  tw::test::PeerPair pair;
+  ASSERT_TRUE(pair.Open());
+  request_->socket = pair.server_fd();
   tw::platform::FailAllocAfter(0);
   EXPECT_EQ(HTTP_send_header(request_.get(), 200), 1);
   tw::platform::ClearAllocFailure();
-}
-
-TEST_F(HttpResponseHeader, SendsTheHeaderInOnePiece) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  HttpRequest& r = Make("/v.mp4");
-  r.socket = pair[0];
-  r.mime_type = "text/plain";
-  r.content_length = 2;
-  EXPECT_EQ(HTTP_send_header(&r, 200), 0);
-  shutdown(pair[0], SHUT_WR);
-  std::string head;
-  char buffer[4096];
-  for (ssize_t n; head.size() < 16384 && (n = read(pair[1], buffer, sizeof(buffer))) > 0;) {
-    head.append(buffer, static_cast<size_t>(n));
-  }
-  close(pair[0]);
-  close(pair[1]);
-  EXPECT_EQ(head.substr(0, 62), "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 2\r\n");
-  EXPECT_NE(head.find("\r\nDate: "), std::string::npos);
+  EXPECT_EQ(HTTP_send_header(request_.get(), 200), 0);
+  pair.CloseServer();
+  const std::string head = pair.client().ReadAll();  // the second header alone
+  EXPECT_EQ(head.rfind("HTTP/1.1 200 OK\r\nContent-Type: video/mp4\r\nContent-Length: 5\r\n", 0),
+            0u);
   EXPECT_EQ(head.find("\r\n\r\n") + 4, head.size());
-  r.socket = -1;
-  EXPECT_EQ(HTTP_send_header(&r, 200), 1);
-  EXPECT_EQ(HTTP_send_header(nullptr, 200), 1);
 }
 
 TEST(HttpUserAgent, FirstSetterWinsUntilMadeSettable) {
