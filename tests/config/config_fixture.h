@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared fixture of the configuration tests: a fresh table per test, released afterwards so the
-// accounted memory must come back to its start value.
+// Shared fixture of the config tests: a fresh table per test, released before the leak check.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,14 +28,13 @@ class ConfigTest : public LeakCheck {
     const char* v = upnp_ini_file_getString(key);
     return v != nullptr ? std::string(v) : std::string("<null>");
   }
-  // upnp_ini_file_parse_cmdline with argv[0] = program and the options.
   static int32_t Parse(std::vector<std::string> args, const std::string& program = "prog") {
     args.insert(args.begin(), program);
     std::vector<char*> argv;
     for (auto& s : args) argv.push_back(s.data());
     return upnp_ini_file_parse_cmdline(static_cast<int32_t>(args.size()), argv.data());
   }
-  // Sends the log to a file; LogText() closes it and returns what was written.
+  // Log to a file; LogText() closes it and returns what was written.
   void StartLog() {
     ASSERT_EQ(upnp_log_init(dir_.File("test.log").c_str()), 1);
     upnp_log_set_mode(UPNP_LOG_SYSTEM);

@@ -108,8 +108,6 @@ TEST_F(ConfigProperties, SetterRulesSideEffectsAndOrigin) {
   upnp_ini_file_disableProperty(1, 1);  // disabled: ignored by every setter
   upnp_ini_file_setPropertyByKey(1, "10.0.0.1");
   EXPECT_EQ(upnp_ini_file_getString(1), nullptr);
-  upnp_ini_file_hideProperty(4, 7);
-  EXPECT_EQ(upnp_ini_file_propertyIsHidden(4), 1);
 
   upnp_ini_file_setPropertyByKey(3, "255");  // v drives the log mode
   EXPECT_EQ(upnp_log_enabled(128), 1);

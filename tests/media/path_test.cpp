@@ -36,8 +36,7 @@ std::string Str(char* p) { return Owned(p).str(); }
 TEST_F(MediaPath, BuildAndFullPath) {
   EXPECT_EQ(Str(upnp_file_build_path("dir/", "/name")), "dir/name");
   EXPECT_EQ(Str(upnp_file_build_path("c:\\dir\\", "\\x")), "c:\\dir/x");
-  EXPECT_EQ(Str(upnp_file_build_path("dir//", "//name")),
-            "dir///name");  // one each side only
+  EXPECT_EQ(Str(upnp_file_build_path("dir//", "//name")), "dir///name");  // one each side only
   EXPECT_EQ(upnp_file_build_path("", "name"), nullptr);
   EXPECT_EQ(upnp_file_build_path("dir", nullptr), nullptr);
   EXPECT_EQ(Str(upnp_file_fullpath("c:\\a\\b/c")), "c:/a/b/c");

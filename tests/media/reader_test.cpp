@@ -132,8 +132,7 @@ TEST_F(MediaReader, BitReaderTakesBit15AndDoublesOnTheSlowPath) {
   ASSERT_NE(r, nullptr);
   EXPECT_EQ(upnp_file_read_nbits(r, 0), 0u);
   EXPECT_EQ(upnp_file_tell_b(r), 0) << "0 bits consume nothing";
-  EXPECT_EQ(upnp_file_read_bit(r),
-            0u);  // bit 15 of 0x1234; the word becomes 0x579A2468
+  EXPECT_EQ(upnp_file_read_bit(r), 0u);  // bit 15 of 0x1234; the word becomes 0x579A2468
   EXPECT_EQ(upnp_file_tell_b(r), 4);
   EXPECT_EQ(upnp_file_read_nbits(r, 8), 0x57u);
   EXPECT_EQ(upnp_file_read_nbits(r, 16), 0x9A24u);
@@ -141,8 +140,7 @@ TEST_F(MediaReader, BitReaderTakesBit15AndDoublesOnTheSlowPath) {
   // 7 bits held (each answering 0 at bit 15), then a new word whose bit 15 is 1: the bits read are
   // 0000000 1, and this path answers twice their value.
   EXPECT_EQ(upnp_file_read_nbits(r, 8), 2u);
-  EXPECT_EQ(upnp_file_seek_b(r, 8, UPNP_FILE_SEEK_SET),
-            8);  // drops the 31 bits held
+  EXPECT_EQ(upnp_file_seek_b(r, 8, UPNP_FILE_SEEK_SET), 8);  // drops the 31 bits held
   // Bits 1, 1, 0 of 0x0000C000 give 2 * 0b110; then 16 of the 29 held bits from the top.
   EXPECT_EQ(upnp_file_read_nbits(r, 3), 12u);
   EXPECT_EQ(upnp_file_read_nbits(r, 16), 0x0006u);

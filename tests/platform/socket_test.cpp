@@ -4,11 +4,10 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -23,7 +22,7 @@
 namespace {
 
 using ::testing::HasSubstr;
-using Clock = std::chrono::steady_clock;
+using tw::platform::SocketLocalPort;
 
 struct Sock {  // closes through the library on scope exit
   explicit Sock(int32_t f = -1) : fd(f) {}
@@ -43,48 +42,36 @@ std::string Logged(uint32_t mode, const std::function<void()>& body) {
   return text;
 }
 
-bool Readable(int fd) {
-  pollfd p{fd, POLLIN, 0};
-  return poll(&p, 1, 5000) == 1;
+void ConnectedPair(Sock* client, Sock* server) {
+  Sock listener(upnp_socket_create_tcp());
+  ASSERT_EQ(upnp_socket_bind(listener.fd, "127.0.0.1", 0), 0);
+  ASSERT_EQ(upnp_socket_listen(listener.fd), 0);
+  client->fd = upnp_socket_create_tcp();
+  ASSERT_EQ(upnp_socket_connect(client->fd, "127.0.0.1", SocketLocalPort(listener.fd)), 0);
+  server->fd = upnp_socket_accept(listener.fd);
+  ASSERT_GE(server->fd, 0);
 }
 
-class SocketTest : public tw::test::LeakCheck {
- protected:
-  void ConnectedPair(Sock* client, Sock* server) {
-    Sock listener(upnp_socket_create_tcp());
-    ASSERT_EQ(upnp_socket_bind(listener.fd, "127.0.0.1", 0), 0);
-    ASSERT_EQ(upnp_socket_listen(listener.fd), 0);
-    client->fd = upnp_socket_create_tcp();
-    ASSERT_EQ(
-        upnp_socket_connect(client->fd, "127.0.0.1", tw::platform::SocketLocalPort(listener.fd)),
-        0);
-    server->fd = upnp_socket_accept(listener.fd);
-    ASSERT_GE(server->fd, 0);
-  }
-};
+using SocketTest = tw::test::LeakCheck;
 
 TEST_F(SocketTest, TcpPeekConsumeRawPeerPortAndClose) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   Sock client, server;
   ASSERT_NO_FATAL_FAILURE(ConnectedPair(&client, &server));
   const std::string sent = "GET / HTTP/1.1\r\n\r\nbody";
-  ASSERT_EQ(upnp_send(client.fd, sent.data(), static_cast<int64_t>(sent.size())), 22);
-  ASSERT_TRUE(Readable(server.fd));
-
+  ASSERT_EQ(upnp_send(client.fd, sent.data(), 22), 22);
   char buf[64];
-  const int32_t n = upnp_recv(server.fd, buf, sizeof(buf), UPNP_MSG_PEEK);
-  ASSERT_GT(n, 0);
-  EXPECT_EQ(std::string(buf, n), sent.substr(0, n));
   ASSERT_EQ(upnp_recv(server.fd, buf, 18, UPNP_MSG_WAITALL), 18);  // the head alone
   EXPECT_EQ(std::string(buf, 18), sent.substr(0, 18));
-  ASSERT_EQ(upnp_recv(server.fd, buf, sizeof(buf), 0), 4);
-  EXPECT_EQ(std::string(buf, 4), "body");
-
+  for (int32_t flags : {UPNP_MSG_PEEK, 0}) {  // a peek leaves the bytes for the next read
+    ASSERT_EQ(upnp_recv(server.fd, buf, sizeof(buf), flags), 4);
+    EXPECT_EQ(std::string(buf, 4), "body");
+  }
   char address[UPNP_ADDRESS_TEXT_SIZE] = "x";
   int32_t raw_port = 0;
   ASSERT_EQ(upnp_util_get_peername(server.fd, address, &raw_port), 0);
   EXPECT_STREQ(address, "127.0.0.1");
-  EXPECT_EQ(raw_port, htons(static_cast<uint16_t>(tw::platform::SocketLocalPort(client.fd))));
+  EXPECT_EQ(raw_port, htons(static_cast<uint16_t>(SocketLocalPort(client.fd))));
 
   // Closing marks the slot first; writing to the closed peer then ends in -1, not SIGPIPE.
   const int32_t old = server.fd;
@@ -110,19 +97,11 @@ TEST_F(SocketTest, SendSitsOutWouldBlockAndReturnsLastCallCount) {
   ASSERT_EQ(fcntl(client.fd, F_SETFL, fcntl(client.fd, F_GETFL) | O_NONBLOCK), 0);
   const int small = 16 * 1024;
   setsockopt(client.fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
-  std::vector<unsigned char> data(1024 * 1024), got;
+  std::vector<unsigned char> data(1024 * 1024), got(data.size());
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i % 251);
-
-  std::thread reader([&] {
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    unsigned char chunk[65536];
-    while (got.size() < data.size() && Clock::now() < deadline && Readable(server.fd)) {
-      const ssize_t r = recv(server.fd, chunk, sizeof(chunk), 0);
-      if (r <= 0) break;
-      got.insert(got.end(), chunk, chunk + r);
-    }
-  });
+  std::thread reader([&] { upnp_recv(server.fd, got.data(), 1024 * 1024, UPNP_MSG_WAITALL); });
   const int64_t last = upnp_send(client.fd, data.data(), static_cast<int64_t>(data.size()));
+  upnp_close_socket(&client.fd);  // ends the reader even after a failed send
   reader.join();
   EXPECT_GT(last, 0);
   EXPECT_LT(last, static_cast<int64_t>(data.size())) << "the total came back, not the last count";
@@ -144,56 +123,36 @@ TEST_F(SocketTest, OptionsAndDatagramsWithHostOrderSenderAndEmptyPayload) {
   ASSERT_EQ(getsockopt(a.fd, IPPROTO_IP, IP_MULTICAST_TTL, &byte_ttl, &byte_size), 0);
   EXPECT_EQ(byte_ttl, 44);
 
-  ASSERT_EQ(upnp_socket_bind(a.fd, "127.0.0.1", 0), 0);
-  ASSERT_EQ(upnp_socket_bind(b.fd, "127.0.0.1", 0), 0);
+  ASSERT_EQ(upnp_socket_bind(a.fd, "127.0.0.1", 0) + upnp_socket_bind(b.fd, "127.0.0.1", 0), 0);
   ASSERT_EQ(setSockOptReceiveTimeout(b.fd, 2000), 0);
-  const int32_t port_b = tw::platform::SocketLocalPort(b.fd);
   char data[16], from[UPNP_ADDRESS_TEXT_SIZE];
   int32_t from_port = 0;
-  ASSERT_EQ(upnp_sendto(a.fd, "ping", 4, "127.0.0.1", port_b), 4);
+  ASSERT_EQ(upnp_sendto(a.fd, "ping", 4, "127.0.0.1", SocketLocalPort(b.fd)), 4);
   ASSERT_EQ(upnp_recvfrom(b.fd, data, sizeof(data), from, &from_port), 4);
   EXPECT_STREQ(from, "127.0.0.1");
-  EXPECT_EQ(from_port, tw::platform::SocketLocalPort(a.fd));
-  ASSERT_EQ(upnp_sendto(a.fd, "", 0, "127.0.0.1", port_b), 0);
+  EXPECT_EQ(from_port, SocketLocalPort(a.fd));
+  ASSERT_EQ(upnp_sendto(a.fd, "", 0, "127.0.0.1", SocketLocalPort(b.fd)), 0);
   std::strcpy(from, "stale");
   EXPECT_EQ(upnp_recvfrom(b.fd, data, sizeof(data), from, &from_port), 0);
   EXPECT_STREQ(from, "");
   EXPECT_EQ(from_port, 0);
-  EXPECT_EQ(upnp_sendto(a.fd, "x", 1, "300.1.2.3", port_b), -1);
+  EXPECT_EQ(upnp_sendto(a.fd, "x", 1, "300.1.2.3", SocketLocalPort(b.fd)), -1);
   EXPECT_STREQ(getLastSocketError(), std::strerror(EINVAL));
 }
 
-TEST_F(SocketTest, SsdpListenerReceivesGroupDatagramAndLogsFailures) {
+TEST_F(SocketTest, SsdpListenerJoinsTheGroupAndLogsFailures) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   Sock listener;
-  std::string lines = Logged(UPNP_LOG_SSDP, [&] {
+  const std::string lines = Logged(UPNP_LOG_SSDP, [&] {
     listener.fd = upnp_create_listen_socket("127.0.0.1");
     EXPECT_EQ(upnp_create_listen_socket(nullptr), -1);  // leaves its socket open by design
   });
   ASSERT_GE(listener.fd, 0);
-  EXPECT_THAT(lines,
-              HasSubstr("### joining SSDP multicast group 239.255.255.250 on if 127.0.0.1 "));
-  EXPECT_THAT(lines, HasSubstr("### joining SSDP multicast group 239.255.255.250 on if <null> "));
+  const std::string joining = "### joining SSDP multicast group 239.255.255.250 on if ";
+  EXPECT_THAT(lines, HasSubstr(joining + "127.0.0.1 "));
+  EXPECT_THAT(lines, HasSubstr(joining + "<null> "));
   EXPECT_THAT(lines, HasSubstr("LOG_SOCK:### setSockOptAddMembership failed"));
-  ASSERT_EQ(setSockOptReceiveTimeout(listener.fd, 500), 0);
-
-  Sock sender(upnp_socket_create_udp());
-  setSockOptMulticast(sender.fd, 2, "127.0.0.1");
-  ASSERT_EQ(upnp_socket_bind(sender.fd, "127.0.0.1", 0), 0);
-  // Other programs may use the group meanwhile: wait for our own text only.
-  const std::string text = "M-SEARCH * HTTP/1.1\r\nX-Probe: " + std::to_string(getpid()) + "\r\n";
-  const int32_t size = static_cast<int32_t>(text.size());
-  ASSERT_EQ(upnp_sendto(sender.fd, text.data(), size, "239.255.255.250", 1900), size);
-  bool seen = false;
-  const auto deadline = Clock::now() + std::chrono::seconds(5);
-  for (int i = 0; i < 100 && !seen && Clock::now() < deadline; ++i) {
-    char data[512], from[UPNP_ADDRESS_TEXT_SIZE];
-    int32_t port = 0;
-    const int32_t n = upnp_recvfrom(listener.fd, data, sizeof(data), from, &port);
-    seen = n == size && std::string(data, n) == text && std::strcmp(from, "127.0.0.1") == 0 &&
-           port == tw::platform::SocketLocalPort(sender.fd);
-  }
-  EXPECT_TRUE(seen);
+  // Receiving group datagrams through this socket is covered by the SSDP listener tests.
 }
 
 TEST_F(SocketTest, UnknownHostFallsBackToLoopbackQuickly) {
@@ -201,16 +160,16 @@ TEST_F(SocketTest, UnknownHostFallsBackToLoopbackQuickly) {
   char out[UPNP_ADDRESS_TEXT_SIZE];
   EXPECT_EQ(upnp_gethostbyname("127.1.2.3", out), 0);
   EXPECT_STREQ(out, "127.1.2.3");
-  const auto start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   const std::string lines = Logged(UPNP_LOG_SYSTEM, [&] {
     EXPECT_EQ(upnp_gethostbyname("no-such-host.invalid", out), -1);
     EXPECT_STREQ(out, "127.0.0.1");
     EXPECT_EQ(upnp_gethostbyname(nullptr, out), -1);
   });
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-  EXPECT_THAT(lines, HasSubstr("upnp_gethostbyname cannot get IP of no-such-host.invalid, "
-                               "return local IP "));
-  EXPECT_THAT(lines, HasSubstr("upnp_gethostbyname cannot get IP of , return local IP "));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  const std::string text = "upnp_gethostbyname cannot get IP of ";
+  EXPECT_THAT(lines, HasSubstr(text + "no-such-host.invalid, return local IP "));
+  EXPECT_THAT(lines, HasSubstr(text + ", return local IP "));
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -15,6 +16,8 @@
 
 namespace {
 
+using ::testing::ElementsAre;
+
 constexpr int64_t kRfcExample = 784111777;  // 1994-11-06 08:49:37 UTC, a Sunday
 constexpr int64_t kYear2100 = 4102444800;
 constexpr bool kWideTime = sizeof(time_t) == 8;
@@ -25,14 +28,10 @@ std::string HttpDate(int64_t t) {
 }
 
 TEST(PlatformTime, DurationsInMilliseconds) {
-  const std::pair<const char*, int64_t> cases[] = {{"1:02:03.5", 3723005},
-                                                   {"2", 7200000},
-                                                   {"0:00:01.250", 1250},
-                                                   {"1:30", 5400000},
-                                                   {"12:xx", 43200000},
-                                                   {"100:00:00", 360000000},
-                                                   {"", 0},
-                                                   {"abc", 0}};
+  // The fraction is added as written (".5" is 5 ms); parsing stops at the first bad field.
+  const std::pair<const char*, int64_t> cases[] = {{"1:02:03.5", 3723005},   {"0:00:01.250", 1250},
+                                                   {"1:30", 5400000},        {"12:xx", 43200000},
+                                                   {"100:00:00", 360000000}, {"abc", 0}};
   for (const auto& [text, ms] : cases) {
     EXPECT_EQ(upnp_convert_duration_string_to_numeric(text), ms) << text;
   }
@@ -67,8 +66,7 @@ TEST(PlatformTime, HttpDatesWithAndWithoutTheDailyCache) {
   EXPECT_STREQ(upnp_time_convertToGMT(kRfcExample, buf, sizeof buf), "1994-11-06T08:49:37");
   EXPECT_STREQ(upnp_date_convertToGMT(kRfcExample, buf, sizeof buf), "1994-11-06");
   // After 2038, or the documented empty text where time_t has 32 bits.
-  upnp_date_formatGMT(kYear2100, buf, sizeof buf);
-  EXPECT_STREQ(buf, kWideTime ? "Fri, 01 Jan 2100 00:00:00 GMT" : "");
+  EXPECT_EQ(HttpDate(kYear2100), kWideTime ? "Fri, 01 Jan 2100 00:00:00 GMT" : "");
   upnp_time_convertToGMT(int64_t{1} << 31, buf, sizeof buf);
   EXPECT_STREQ(buf, kWideTime ? "2038-01-19T03:14:08" : "");
 }
@@ -76,33 +74,23 @@ TEST(PlatformTime, HttpDatesWithAndWithoutTheDailyCache) {
 // Runs with TZ set to chosen zones; restores the old zone and forgets the learned offset.
 class PlatformTimeZone : public tw::test::LeakCheck {
  protected:
-  void SetUp() override {
-    tw::test::LeakCheck::SetUp();
-    const char* old = std::getenv("TZ");
-    if (old != nullptr) old_tz_ = old;
-    had_tz_ = old != nullptr;
-  }
   void TearDown() override {
-    if (had_tz_) setenv("TZ", old_tz_.c_str(), 1);
-    if (!had_tz_) unsetenv("TZ");
-    tzset();
-    tw::platform::ResetTimeZoneOffsetForTesting();
+    UseZone(old_tz_ ? old_tz_->c_str() : nullptr);
     tw::test::LeakCheck::TearDown();
   }
   static void UseZone(const char* tz) {
-    setenv("TZ", tz, 1);
+    tz != nullptr ? setenv("TZ", tz, 1) : unsetenv("TZ");
     tzset();
     tw::platform::ResetTimeZoneOffsetForTesting();
   }
-  bool had_tz_ = false;
-  std::string old_tz_;
+  const std::optional<std::string> old_tz_ =
+      std::getenv("TZ") ? std::optional<std::string>(std::getenv("TZ")) : std::nullopt;
 };
 
 TEST_F(PlatformTimeZone, LocalTextsFollowTheZone) {
   char buf[40];
-  for (const auto& [tz, hour_minute] : {std::pair<const char*, const char*>{"UTC0", "08:49"},
-                                        {"EST5", "03:49"},
-                                        {"<+0530>-5:30", "14:19"}}) {
+  const char* const zones[][2] = {{"UTC0", "08:49"}, {"EST5", "03:49"}, {"<+0530>-5:30", "14:19"}};
+  for (const auto& [tz, hour_minute] : zones) {
     UseZone(tz);
     const std::string clock = std::string(hour_minute) + ":37";
     EXPECT_EQ(upnp_format_time_to_localdate(kRfcExample, buf, sizeof buf), "1994-11-06T" + clock);
@@ -113,39 +101,32 @@ TEST_F(PlatformTimeZone, LocalTextsFollowTheZone) {
   EXPECT_TRUE(now.size() == 13 && now[8] == ':' && now[12] == ' ') << now;
 }
 
-TEST_F(PlatformTimeZone, ParsedDatesReadAsGmtInAnyZone) {
-  for (const char* tz : {"UTC0", "EST5EDT,M3.2.0,M11.1.0", "<+0530>-5:30", "<-10>10"}) {
-    UseZone(tz);
-    auto parse = upnp_convert_date_time_string_to_numeric;
-    EXPECT_EQ(parse("1994-11-06T08:49:37"), kRfcExample) << tz;
-    EXPECT_EQ(parse("1994-11-06 08:49:37.987"), kRfcExample) << tz;
-    EXPECT_EQ(parse("2024-07-01T12:00:00"), 1719835200) << tz << ": summer time must not shift";
-    EXPECT_EQ(parse("1994-11"), 783561600) << tz << ": a missing day counts 0 (31 October)";
-    if (kWideTime) {
-      EXPECT_EQ(parse("2100-01-01T00:00:00"), kYear2100) << tz;
-    }
-  }
-  EXPECT_EQ(upnp_convert_date_time_string_to_numeric(nullptr), 0);
-}
-
-TEST_F(PlatformTimeZone, OffsetIsLearnedOnceAndLogged) {
+TEST_F(PlatformTimeZone, ParsedDatesReadAsGmtInAnyZoneAndTheOffsetIsLoggedOnce) {
+  const auto parse = upnp_convert_date_time_string_to_numeric;
+  const std::string text = "upnp_convert_date_time_string_to_numeric: Timezone offset is ";
+  const std::tuple<const char*, int32_t, const char*> zones[] = {
+      {"UTC0", 0, "0:00"},
+      {"EST5EDT,M3.2.0,M11.1.0", 18000, "5:00"},
+      {"<+0530>-5:30", -19800, "-5:30"},
+      {"<-10>10", 36000, "10:00"}};
   ASSERT_EQ(upnp_log_init(nullptr), 1);
   upnp_log_set_mode(UPNP_LOG_SYSTEM);
-  const std::string text = "upnp_convert_date_time_string_to_numeric: Timezone offset is ";
-  for (const auto& [tz, offset, shown] :
-       {std::tuple<const char*, int32_t, const char*>{"EST5EDT,M3.2.0,M11.1.0", 18000, "5:00"},
-        {"<+0530>-5:30", -19800, "-5:30"}}) {
+  for (const auto& [tz, offset, shown] : zones) {
     UseZone(tz);
     EXPECT_EQ(g_timeZoneOffsetInSeconds, 1) << "1 means not yet known";
     testing::internal::CaptureStdout();
-    upnp_convert_date_time_string_to_numeric("2000-01-01");
-    upnp_convert_date_time_string_to_numeric("2000-01-02");
+    // A fraction is ignored, summer time must not shift, a missing day counts 0 (31 October).
+    const int64_t got[] = {parse("1994-11-06T08:49:37"), parse("1994-11-06 08:49:37.987"),
+                           parse("2024-07-01T12:00:00"), parse("1994-11"),
+                           kWideTime ? parse("2100-01-01T00:00:00") : kYear2100};
     const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(got, ElementsAre(kRfcExample, kRfcExample, 1719835200, 783561600, kYear2100)) << tz;
     EXPECT_EQ(g_timeZoneOffsetInSeconds, offset);
     const size_t at = log.find(text + shown);
     EXPECT_NE(at, std::string::npos) << log;
     EXPECT_EQ(log.find(text, at + 1), std::string::npos) << "logged once";
   }
+  EXPECT_EQ(parse(nullptr), 0);
   upnp_log_set_mode(0);
   upnp_log_exit();
 }

@@ -8,22 +8,17 @@
 #include <string>
 #include <vector>
 
-#include "platform/test_hooks.h"
-#include "support/test_support.h"
 #include "tarnwick/util.h"
+#include "util/util_fixture.h"
 
 namespace {
 
 using tw::test::Owned;
 using Args = std::vector<std::string>;
 
-class UtilHelpersFormat : public tw::test::LeakCheck {
- protected:
-  void TearDown() override {
-    tw::platform::ClearAllocFailure();
-    LeakCheck::TearDown();
-  }
-};
+using tw::test::ForEachAllocFailure;
+
+class UtilHelpersFormat : public tw::test::UtilTest {};
 
 Args Split(const char* line) {
   int32_t argc = -1;
@@ -77,13 +72,11 @@ TEST_F(UtilHelpersFormat, EmbeddedUrlsRoundTripThroughTheProxyPath) {
   EXPECT_EQ(upnp_util_get_embedded_url("/other/name.mp3"), nullptr);
 
   // Out of memory at any step: null, never a truncated URL.
-  for (int n = 0; n < 12; ++n) {
-    tw::platform::FailAllocAfter(n);
-    Owned r(upnp_util_create_embedded_url("http://h:9000", "a b", "mp3"));
-    const bool fired = tw::platform::AllocFailureFired();
-    tw::platform::ClearAllocFailure();
-    EXPECT_EQ(r.str(), fired ? "<null>" : "http://h:9000/httpproxy/embeddeda%20b.mp3") << n;
-  }
+  ForEachAllocFailure([] { return upnp_util_create_embedded_url("http://h:9000", "a b", "mp3"); },
+                      [](char* r, bool fired) {
+                        EXPECT_EQ(Owned(r).str(),
+                                  fired ? "<null>" : "http://h:9000/httpproxy/embeddeda%20b.mp3");
+                      });
 }
 
 TEST_F(UtilHelpersFormat, IpAddressesAreFoundInsideText) {
@@ -164,16 +157,12 @@ TEST_F(UtilHelpersFormat, ArgvIsWrittenAndSplitBack) {
   const Args back = Split(Join(args).c_str());
   EXPECT_EQ(back, Args(args.begin(), args.end()));
 
-  for (int n = 0; n < 6; ++n) {
-    tw::platform::FailAllocAfter(n);
-    int32_t argc = -1;
-    char** argv = kt_util_create_argv_str("a b c", &argc);
-    if (tw::platform::AllocFailureFired()) {
-      EXPECT_TRUE(argv == nullptr && argc == 0) << n;
-    }
-    tw::platform::ClearAllocFailure();
-    kt_util_release_argv_str(argv);
-  }
+  int32_t argc = -1;
+  ForEachAllocFailure([&] { return kt_util_create_argv_str("a b c", &argc); },
+                      [&](char** argv, bool fired) {
+                        EXPECT_TRUE(!fired || (argv == nullptr && argc == 0));
+                        kt_util_release_argv_str(argv);
+                      });
 }
 
 TEST_F(UtilHelpersFormat, HexDumpBreaksLinesEverySixteenBytes) {
