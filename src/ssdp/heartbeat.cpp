@@ -63,16 +63,24 @@ class Heartbeat {
     if (RoleEnabled(Role::kRenderer)) RemoveMarker(kRendererMarker);
     upnp_log_info_impl(UPNP_LOG_SSDP, "SSDPheartbeat SSDP heartbeat stopped for %s",
                        server_->ip_address);
-    upnp_close_socket(&server_->ssdp_notify_socket);
+    // After a stop the slot was already closed, and after a restart it may hold the next
+    // generation's socket: only a heartbeat that is still current closes it.
+    if (Current()) upnp_close_socket(&server_->ssdp_notify_socket);
     g_shutdown.store(0);
   }
 
  private:
-  int32_t Socket() const noexcept { return LoadSocket(&server_->ssdp_notify_socket); }
+  bool Current() const noexcept { return Generation(*server_) == generation_; }
+
+  // The record's announcement socket while this heartbeat's generation lasts; -1 afterwards, so
+  // a heartbeat outliving a restart never speaks through its successor's socket.
+  int32_t Socket() const noexcept {
+    return Current() ? LoadSocket(&server_->ssdp_notify_socket) : -1;
+  }
 
   bool Serving() const noexcept {
     const int32_t socket = Socket();
-    return ServerRunning() && socket != 0 && socket != -1 && Generation(*server_) == generation_;
+    return ServerRunning() && socket != 0 && socket != -1;
   }
 
   bool OpenSocket() noexcept {
@@ -92,6 +100,10 @@ class Heartbeat {
     }
     setSockOptMulticast(socket, upnp_ini_file_getInt(UPNP_INI_KEY_SSDPTTL), server_->ip_address);
     setSockOptNoSignal(socket);
+    if (!Current()) {  // stopped (and maybe restarted) while binding: the slot is not ours
+      upnp_close_socket(&socket);
+      return false;
+    }
     __atomic_store_n(&server_->ssdp_notify_socket, socket, __ATOMIC_RELEASE);
     upnp_log_info_impl(UPNP_LOG_SSDP, "SSDP_heartbeat SSDP heartbeat started for %s:%d",
                        server_->ip_address, kFirstPort);
@@ -124,11 +136,16 @@ class Heartbeat {
   }
 
   void SendAlive() const noexcept {
-    SendNotify(Socket(), server_->ip_address, server_->http_port, kGroupAddress, kGroupPort,
+    const int32_t socket = Socket();
+    if (socket == -1) return;
+    SendNotify(socket, server_->ip_address, server_->http_port, kGroupAddress, kGroupPort,
                "ssdp:all", true);
   }
 
-  void SendByebyes() const noexcept { SendByebye(Socket(), kGroupAddress, kGroupPort); }
+  void SendByebyes() const noexcept {
+    const int32_t socket = Socket();
+    if (socket != -1) SendByebye(socket, kGroupAddress, kGroupPort);
+  }
 
   void Loop() noexcept {
     uint32_t ticks = 0;
