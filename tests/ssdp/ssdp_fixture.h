@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared fixture of the discovery tests: fresh configuration, settings and registry per test, a
-// server record on this process's own loopback address, and a teardown that ends every
-// discovery thread before accounted memory is checked.
+// Shared fixture of the discovery tests: fresh settings, a server record on this process's own
+// loopback address, and a teardown that ends every discovery thread before the leak check.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <ctime>
 #include <functional>
-#include <string>
+#include <mutex>
 #include <thread>
-#include <vector>
 
+#include "platform/socket.h"
+#include "platform/test_hooks.h"
 #include "server/udn.h"
 #include "ssdp/ssdp_internal.h"
 #include "support/ssdp_probe.h"
@@ -21,14 +20,16 @@
 #include "tarnwick/config.h"
 #include "tarnwick/log.h"
 #include "tarnwick/server.h"
-#include "tarnwick/ssdp.h"
 
 namespace tw::test {
 
 using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
 
-// UDNs in the test namespace: lo has no hardware address, so the MAC bytes are 0x42 each, and
-// an unset friendly name gives the check byte 0x69.
+// lo has no hardware address, so the MAC bytes are 0x42 each; an unset friendly name gives the
+// check byte 0x69.
 inline std::string Udn(const std::string& digits) {
   return "uuid:5" + digits + "1726e-7769-636b-5369-424242424242";
 }
@@ -37,11 +38,9 @@ inline const std::string kServerUdn = Udn("50"), kRendererUdn = Udn("60"), kRuis
 
 inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
+  while (!condition() && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(2ms);
-  }
-  return true;
+  return condition();
 }
 
 inline const std::string kServer =
@@ -72,7 +71,8 @@ inline std::string MaskDate(const std::string& text) {
   if (value.size() != 29 || rest == nullptr || *rest != '\0') return text;
   return text.substr(0, start) + "<date>" + text.substr(end);
 }
-// The value of the header line "name: value", or "<none>"; of each datagram.
+// The value of the header line "name: value", or "<none>"; of each datagram, or for "" its text
+// with the date masked.
 inline std::string Field(const std::string& text, const std::string& name) {
   const size_t at = text.find("\r\n" + name + ": ");
   if (at == std::string::npos) return "<none>";
@@ -81,8 +81,49 @@ inline std::string Field(const std::string& text, const std::string& name) {
 }
 inline std::vector<std::string> Fields(const std::vector<Datagram>& got, const std::string& name) {
   std::vector<std::string> values;
-  for (const Datagram& d : got) values.push_back(Field(d.text, name));
+  for (const Datagram& d : got)
+    values.push_back(name.empty() ? MaskDate(d.text) : Field(d.text, name));
   return values;
+}
+// Everything that arrives until 300 ms pass without a datagram.
+inline std::vector<Datagram> Drain(SsdpProbe& probe) { return probe.Collect(100, 5s, 300ms); }
+
+// The calls of the Record<name> handlers, each as CallText gives it.
+inline std::mutex g_calls_mutex;
+inline std::vector<std::string> g_calls;
+inline std::string CallText(char name, const void* server, const std::string& address, int port,
+                            const std::string& text) {
+  return std::string(1, name) + " " + std::to_string(reinterpret_cast<uintptr_t>(server)) + " " +
+         address + ":" + std::to_string(port) + " " + text;
+}
+template <char kName>
+int32_t Record(const char* text, upnp_server_data* server, const char* address, int32_t port) {
+  std::lock_guard<std::mutex> lock(g_calls_mutex);
+  g_calls.push_back(CallText(kName, server, address, port, text));
+  return 0;
+}
+inline std::vector<std::string> CallsWith(const std::string& token) {
+  std::lock_guard<std::mutex> lock(g_calls_mutex);
+  std::vector<std::string> found;
+  for (const std::string& call : g_calls) {
+    if (call.find(token) != std::string::npos) found.push_back(call);
+  }
+  return found;
+}
+
+// A UDP socket of the library, closed when it leaves scope.
+struct UdpSocket {
+  int32_t fd = upnp_socket_create_udp();
+  ~UdpSocket() { upnp_close_socket(&fd); }
+  operator int32_t() const { return fd; }  // NOLINT(runtime/explicit)
+};
+
+inline upnp_ssdp_answer* NewAnswer(int32_t delay, int port, upnp_server_data* server,
+                                   const std::string& target = "upnp:rootdevice") {
+  auto* answer = static_cast<upnp_ssdp_answer*>(upnp_calloc_impl(1, sizeof(upnp_ssdp_answer)));
+  *answer = {delay, "", "127.0.0.1", port, server, 0};
+  std::snprintf(answer->target, sizeof(answer->target), "%s", target.c_str());
+  return answer;
 }
 
 class SsdpTest : public LeakCheck {
@@ -98,12 +139,16 @@ class SsdpTest : public LeakCheck {
     ssdp::SetTickForTesting(0);
     server::ResetDeviceUdnsForTesting();
     strIFblacklist[0] = '\0';
+    __atomic_store_n(&g_nInstance, 0, __ATOMIC_RELAXED);
     address_ = ProcessLoopbackAddress();
     std::snprintf(record_.ip_address, sizeof(record_.ip_address), "%s", address_.c_str());
     record_.http_port = 9000;
     record_.http_socket = record_.ssdp_listen_socket = record_.ssdp_search_socket =
         record_.ssdp_notify_socket = -1;
     SetState(1);
+    std::lock_guard<std::mutex> lock(g_calls_mutex);
+    g_calls.clear();
+    TW_REQUIRE_LOOPBACK_NAMESPACE();  // after the setup above, which the teardown expects
   }
   void TearDown() override {
     EndThreads();
@@ -115,16 +160,20 @@ class SsdpTest : public LeakCheck {
   static void SetState(int32_t state) {
     __atomic_store_n(&g_server_running, state, __ATOMIC_RELEASE);
   }
+  static bool ThreadsEnd() {
+    return WaitFor([] { return ssdp::RunningThreadsForTesting() == 0; });
+  }
+  void NextGeneration() { __atomic_add_fetch(&record_.stop_generation, 1, __ATOMIC_ACQ_REL); }
   // What a server stop does; then every discovery thread must end within 10 s. Blocked receives
   // are woken by a shutdown and descriptors closed only when no thread uses them any more, so
   // the thread sanitizer sees no close racing a receive.
   void EndThreads() {
     SetState(0);
-    __atomic_add_fetch(&record_.stop_generation, 1, __ATOMIC_ACQ_REL);
+    NextGeneration();
     for (const int32_t* slot : {&record_.ssdp_listen_socket, &record_.ssdp_search_socket}) {
       if (ssdp::LoadSocket(slot) > 0) shutdown(ssdp::LoadSocket(slot), SHUT_RDWR);
     }
-    EXPECT_TRUE(WaitFor([] { return ssdp::RunningThreadsForTesting() == 0; }));
+    EXPECT_TRUE(ThreadsEnd());
     for (int32_t* slot :
          {&record_.ssdp_listen_socket, &record_.ssdp_search_socket, &record_.ssdp_notify_socket}) {
       upnp_close_socket(slot);
@@ -144,8 +193,8 @@ class SsdpTest : public LeakCheck {
     upnp_log_exit();
     return text;
   }
-  std::string Location(const std::string& path) const {
-    return "http://" + address_ + ":9000" + path;
+  std::string Location(const std::string& device) const {
+    return "http://" + address_ + ":9000/" + device + "Description.xml";
   }
 
   TempDir dir_;

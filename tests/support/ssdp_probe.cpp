@@ -59,8 +59,8 @@ std::vector<Datagram> SsdpProbe::Collect(size_t max, milliseconds limit, millise
     char from[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &sender.sin_addr, from, sizeof(from));
     if (size < 0 || (!only_from_.empty() && only_from_ != from)) continue;
-    got.push_back({std::string(buffer.data(), static_cast<size_t>(size)), from,
-                   ntohs(sender.sin_port), std::chrono::steady_clock::now()});
+    got.push_back({std::string(buffer.data(), static_cast<size_t>(size)), ntohs(sender.sin_port),
+                   std::chrono::steady_clock::now()});
   }
   return got;
 }

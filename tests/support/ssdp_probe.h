@@ -11,8 +11,7 @@ namespace tw::test {
 
 struct Datagram {
   std::string text;
-  std::string from;  // sender's dotted address
-  int port = 0;      // sender's port
+  int port = 0;  // sender's port
   std::chrono::steady_clock::time_point at;
 };
 
