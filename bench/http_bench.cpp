@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A minimal HTTP server on the library for load tests: one registered handler answers every GET
-// with a 1 KiB body from a prebuilt response (one raw upnp_send per request; the library's own
-// response composer is not involved, so the figures measure the connection layer).
+// with a 1 KiB body. /bench answers from a prebuilt response (one raw upnp_send per request, so
+// the figure measures the connection layer); /send answers through HTTP_send, i.e. the library's
+// full response path (range check, header composition with its DLNA rules, date, body).
 //
 //   tw_http_bench serve [port]   serves on 127.0.0.1 until SIGINT/SIGTERM, then prints the
 //                                request count and receive calls per request
@@ -46,6 +47,15 @@ int32_t Serve1KiB(HttpRequest* request) {
   return 0;
 }
 
+std::string g_body;
+
+int32_t ServeViaLibrary(HttpRequest* request) {
+  g_requests.fetch_add(1, std::memory_order_relaxed);
+  request->mime_type = "application/octet-stream";
+  request->content_length = static_cast<int64_t>(g_body.size());
+  return HTTP_send(request, g_body.data());
+}
+
 bool LoopbackOnly() {
   struct if_nameindex* names = if_nameindex();
   if (names == nullptr) return false;
@@ -72,7 +82,9 @@ bool StartServer(upnp_server_data* record, int32_t port) {
       "\r\nContent-Length: " +
       std::to_string(kBodySize) + "\r\nConnection: keep-alive\r\n\r\n";
   g_response.append(kBodySize, 'x');
+  g_body.assign(kBodySize, 'x');
   upnp_http_register_handler(Serve1KiB, HTTP_METHOD_GET, "/", 0, 1);
+  upnp_http_register_handler(ServeViaLibrary, HTTP_METHOD_GET, "/send", 0, 1);
   __atomic_store_n(&g_server_running, 1, __ATOMIC_RELEASE);
   std::memset(record, 0, sizeof(*record));
   std::strcpy(record->ip_address, "127.0.0.1");

@@ -80,12 +80,14 @@ until ready "http://127.0.0.1:$tw_port/bench" && ready "http://127.0.0.1:$nginx_
 done
 
 rps() { wrk -t2 -c"$1" -d"${seconds}s" "$2" | awk '/Requests\/sec/ {print $2}'; }
-echo "HTTP 1 KiB GET over kept-alive connections, wrk -t2 -d${seconds}s (tw: raw upnp_send of a prebuilt response)"
+echo "HTTP 1 KiB GET over kept-alive connections, wrk -t2 -d${seconds}s"
+echo "  raw: handler sends a prebuilt response; send: handler answers through HTTP_send"
 for c in $connections; do
-  tw=$(rps "$c" "http://127.0.0.1:$tw_port/bench")
   ng=$(rps "$c" "http://127.0.0.1:$nginx_port/bench")
-  awk -v c="$c" -v tw="$tw" -v ng="$ng" \
-    'BEGIN { printf "  -c%-3d tarnwick %10.0f req/s   nginx %10.0f req/s   ratio %.2f\n", c, tw, ng, tw / ng }'
+  raw=$(rps "$c" "http://127.0.0.1:$tw_port/bench")
+  full=$(rps "$c" "http://127.0.0.1:$tw_port/send")
+  awk -v c="$c" -v raw="$raw" -v full="$full" -v ng="$ng" \
+    'BEGIN { printf "  -c%-3d nginx %9.0f req/s   tarnwick raw %9.0f (%.2f)   tarnwick send %9.0f (%.2f)\n", c, ng, raw, raw / ng, full, full / ng }'
 done
 kill -TERM "$tw_pid"
 wait "$tw_pid" || true
