@@ -180,7 +180,7 @@ class ServerLifecycle : public tw::test::LeakCheck {
   void TearDown() override {
     if (Load(g_server_running) == 1) upnp_server_stop(&g_server_running);
     EXPECT_TRUE(WaitFor(AllThreadsEnded)) << ThreadReport();
-    if (capturing_) StopLog();
+    if (log_.active()) log_.Stop();
     http_unregister_all_handlers();
     tw::server::SetInterfaceSourceForTesting(nullptr);
     tw::server::SetStopPauseForTesting(-1);
@@ -192,26 +192,15 @@ class ServerLifecycle : public tw::test::LeakCheck {
     LeakCheck::TearDown();
   }
 
-  void StartLog() {
-    upnp_log_init(nullptr);
-    upnp_log_set_mode(UPNP_LOG_SYSTEM);
-    testing::internal::CaptureStdout();
-    capturing_ = true;
-  }
-  std::string StopLog() {
-    capturing_ = false;
-    std::string text = testing::internal::GetCapturedStdout();
-    upnp_log_set_mode(0);
-    upnp_log_exit();
-    return text;
-  }
+  void StartLog() { log_.Start(UPNP_LOG_SYSTEM); }
+  std::string StopLog() { return log_.Stop(); }
 
   static void Contains(const std::string& log, const std::string& line) {
     EXPECT_NE(log.find(line), std::string::npos) << "missing: " << line;
   }
 
   tw::test::TempDir dir_;
-  bool capturing_ = false;
+  tw::test::LogCapture log_;
 };
 
 // ---- Start and stop on one interface ---------------------------------------------------------

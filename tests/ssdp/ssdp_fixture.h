@@ -152,7 +152,7 @@ class SsdpTest : public LeakCheck {
   }
   void TearDown() override {
     EndThreads();
-    if (capturing_) StopLog();
+    if (log_.active()) log_.Stop();
     SSDP_exit();
     while (upnp_ini_file_is_initialized() != 0) upnp_ini_file_release();
     LeakCheck::TearDown();
@@ -180,19 +180,8 @@ class SsdpTest : public LeakCheck {
     }
   }
   // SSDP and system log lines go to standard output while captured.
-  void StartLog() {
-    upnp_log_init(nullptr);
-    upnp_log_set_mode(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM);
-    testing::internal::CaptureStdout();
-    capturing_ = true;
-  }
-  std::string StopLog() {
-    capturing_ = false;
-    std::string text = testing::internal::GetCapturedStdout();
-    upnp_log_set_mode(0);
-    upnp_log_exit();
-    return text;
-  }
+  void StartLog() { log_.Start(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM); }
+  std::string StopLog() { return log_.Stop(); }
   std::string Location(const std::string& device) const {
     return "http://" + address_ + ":9000/" + device + "Description.xml";
   }
@@ -200,7 +189,7 @@ class SsdpTest : public LeakCheck {
   TempDir dir_;
   std::string address_;
   upnp_server_data record_{};
-  bool capturing_ = false;
+  tw::test::LogCapture log_;
 };
 
 }  // namespace tw::test

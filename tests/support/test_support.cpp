@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tarnwick/log.h"
+
 namespace tw::test {
 
 TempDir::TempDir() {
@@ -44,6 +46,21 @@ void WriteFile(const std::string& path, const std::string& bytes) {
 bool FileExists(const std::string& path) {
   std::error_code ec;
   return std::filesystem::exists(path, ec);
+}
+
+void LogCapture::Start(uint32_t mode) {
+  upnp_log_init(nullptr);
+  upnp_log_set_mode(mode);
+  testing::internal::CaptureStdout();
+  active_ = true;
+}
+
+std::string LogCapture::Stop() {
+  active_ = false;
+  std::string text = testing::internal::GetCapturedStdout();
+  upnp_log_set_mode(0);
+  upnp_log_exit();
+  return text;
 }
 
 bool InLoopbackOnlyNamespace() {

@@ -52,6 +52,25 @@ bool InLoopbackOnlyNamespace();
       GTEST_SKIP() << "needs a loopback-only network namespace (run via make test)"; \
   } while (0)
 
+// Captures the library's log lines: logging to standard output with the given mode while active.
+// Stop returns what was written and switches the log off again.
+class LogCapture {
+ public:
+  LogCapture() = default;
+  ~LogCapture() {
+    if (active_) Stop();
+  }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  void Start(uint32_t mode);
+  std::string Stop();
+  bool active() const { return active_; }
+
+ private:
+  bool active_ = false;
+};
+
 // Frees an accounted C string when it leaves scope.
 struct Owned {
   explicit Owned(char* p) : ptr(p) {}
