@@ -16,7 +16,7 @@ void ConnectionLoop(HttpConnection* connection) noexcept;
 // 0 keeps the connection, non-zero closes it.
 int32_t ServeOne(HttpConnection* connection) noexcept;
 
-// Bookkeeping of the threads this code starts, so tests and the benchmark can wait for the
+// Bookkeeping of the threads this code starts, so stop, tests and the benchmark can wait for the
 // server to be idle: accept loops running, and connection contexts handed to worker threads that
 // have not finished yet.
 int32_t LiveAcceptLoops() noexcept;

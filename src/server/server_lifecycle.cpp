@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "http/connection.h"
 #include "server/server_core.h"
 #include "tarnwick/config.h"
 #include "tarnwick/http.h"
@@ -22,6 +23,9 @@ constexpr int32_t kHeartbeatLevel = 3;
 // Time for the threads to notice the stopping state before their sockets go: a heartbeat that
 // sees it still has its socket for the byebyes.
 constexpr int32_t kStopPauseMs = 200;
+// Closing a listening socket wakes its accept loop at once; this bounds the wait for them.
+constexpr int32_t kAcceptLoopEndWaitMs = 1000;
+constexpr int32_t kAcceptLoopPollMs = 5;
 
 std::atomic<int32_t> g_stop_pause_ms{kStopPauseMs};
 std::atomic<InterfaceSource> g_interface_source{nullptr};
@@ -234,6 +238,12 @@ void Stop(int32_t* state) noexcept {
     upnp_close_socket(&remote->http_socket);
     __atomic_add_fetch(&record->stop_generation, 1, __ATOMIC_ACQ_REL);
     __atomic_add_fetch(&remote->stop_generation, 1, __ATOMIC_ACQ_REL);
+  }
+  // The accept loops read their record (address, port) up to their last log line; a restart
+  // rewrites the records right after this, so let the woken loops finish first (bounded).
+  for (int32_t waited = 0; tw::http::LiveAcceptLoops() > 0 && waited < kAcceptLoopEndWaitMs;
+       waited += kAcceptLoopPollMs) {
+    Sleep(kAcceptLoopPollMs);
   }
   upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_stop Server terminated");
   const DtcpCallbacks dtcp = Dtcp();
