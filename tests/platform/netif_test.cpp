@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 
@@ -16,18 +15,6 @@
 namespace {
 
 using ::testing::HasSubstr;
-
-// Log lines go to standard output while captured.
-std::string Logged(const std::function<void()>& body) {
-  upnp_log_init(nullptr);
-  upnp_log_set_mode(UPNP_LOG_SYSTEM);
-  testing::internal::CaptureStdout();
-  body();
-  std::string text = testing::internal::GetCapturedStdout();
-  upnp_log_set_mode(0);
-  upnp_log_exit();
-  return text;
-}
 
 using Netif = tw::test::LeakCheck;
 
@@ -59,7 +46,7 @@ TEST_F(Netif, LoopbackRecordsNamesAndMissingMac) {
   char table[5][UPNP_ADDRESS_TEXT_SIZE] = {};
   int32_t count = 0;
   char mac[18];
-  const std::string lines = Logged([&] {
+  const std::string lines = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
     EXPECT_EQ(upnp_get_interfaces(&count, table, 5, ""), 1);
     EXPECT_EQ(get_mac_address(nullptr, mac, sizeof(mac)), nullptr);
     EXPECT_EQ(get_mac_address("sixteen-chars-xx", mac, sizeof(mac)), nullptr);
@@ -95,7 +82,7 @@ TEST_F(Netif, DownAliasCutAndHardwareAddressInNestedNamespace) {
                                              "ip addr add 127.0.0.1/8 dev lo && "
                                              "ip addr add 127.0.0.2/8 dev lo label lo:1") == 0;
     if (!made) return;
-    lines = Logged([] {
+    lines = tw::test::Logged(UPNP_LOG_SYSTEM, [] {
       char table[5][UPNP_ADDRESS_TEXT_SIZE] = {};
       int32_t count = -1;
       EXPECT_EQ(upnp_get_interfaces(&count, table, 5, nullptr), 0);

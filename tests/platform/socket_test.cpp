@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,18 +28,6 @@ struct Sock {  // closes through the library on scope exit
   ~Sock() { upnp_close_socket(&fd); }
   int32_t fd;
 };
-
-// Log lines go to standard output while captured.
-std::string Logged(uint32_t mode, const std::function<void()>& body) {
-  upnp_log_init(nullptr);
-  upnp_log_set_mode(mode);
-  testing::internal::CaptureStdout();
-  body();
-  std::string text = testing::internal::GetCapturedStdout();
-  upnp_log_set_mode(0);
-  upnp_log_exit();
-  return text;
-}
 
 void ConnectedPair(Sock* client, Sock* server) {
   Sock listener(upnp_socket_create_tcp());
@@ -118,8 +105,9 @@ TEST_F(SocketTest, OptionsAndDatagramsWithHostOrderSenderAndEmptyPayload) {
   ASSERT_EQ(getsockopt(a.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &tv_size), 0);
   EXPECT_EQ(tv.tv_sec * 1000000 + tv.tv_usec, 2500000);
   // The multicast TTL is one byte (300 -> 44); a refused interface is only logged.
-  EXPECT_THAT(Logged(UPNP_LOG_SSDP, [&] { EXPECT_EQ(setSockOptMulticast(a.fd, 300, "bad"), 0); }),
-              HasSubstr("setSockOptMulticast"));
+  EXPECT_THAT(
+      tw::test::Logged(UPNP_LOG_SSDP, [&] { EXPECT_EQ(setSockOptMulticast(a.fd, 300, "bad"), 0); }),
+      HasSubstr("setSockOptMulticast"));
   ASSERT_EQ(getsockopt(a.fd, IPPROTO_IP, IP_MULTICAST_TTL, &byte_ttl, &byte_size), 0);
   EXPECT_EQ(byte_ttl, 44);
 
@@ -143,7 +131,7 @@ TEST_F(SocketTest, OptionsAndDatagramsWithHostOrderSenderAndEmptyPayload) {
 TEST_F(SocketTest, SsdpListenerJoinsTheGroupAndLogsFailures) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   Sock listener;
-  const std::string lines = Logged(UPNP_LOG_SSDP, [&] {
+  const std::string lines = tw::test::Logged(UPNP_LOG_SSDP, [&] {
     listener.fd = upnp_create_listen_socket("127.0.0.1");
     EXPECT_EQ(upnp_create_listen_socket(nullptr), -1);  // leaves its socket open by design
   });
@@ -161,7 +149,7 @@ TEST_F(SocketTest, UnknownHostFallsBackToLoopbackQuickly) {
   EXPECT_EQ(upnp_gethostbyname("127.1.2.3", out), 0);
   EXPECT_STREQ(out, "127.1.2.3");
   const auto start = std::chrono::steady_clock::now();
-  const std::string lines = Logged(UPNP_LOG_SYSTEM, [&] {
+  const std::string lines = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
     EXPECT_EQ(upnp_gethostbyname("no-such-host.invalid", out), -1);
     EXPECT_STREQ(out, "127.0.0.1");
     EXPECT_EQ(upnp_gethostbyname(nullptr, out), -1);

@@ -71,6 +71,15 @@ class LogCapture {
   bool active_ = false;
 };
 
+// Runs body with the log captured at the given mode and returns what it wrote.
+template <typename Body>
+std::string Logged(uint32_t mode, Body&& body) {
+  LogCapture capture;
+  capture.Start(mode);
+  body();
+  return capture.Stop();
+}
+
 // Frees an accounted C string when it leaves scope.
 struct Owned {
   explicit Owned(char* p) : ptr(p) {}
