@@ -43,7 +43,8 @@ BENCHMARK(BM_StdStringAppend)->Arg(16)->Arg(256)->Arg(4096);
 // A request head like the ones the server searches: the needle sits near the end.
 std::string MakeHead() {
   std::string head = "GET /MediaItems/123.mp3 HTTP/1.1\r\nHost: 192.168.1.5:9000\r\n";
-  for (int i = 0; i < 12; ++i) head += "X-Filler-Header-" + std::to_string(i) + ": abcdefghijklmnop\r\n";
+  for (int i = 0; i < 12; ++i)
+    head += "X-Filler-Header-" + std::to_string(i) + ": abcdefghijklmnop\r\n";
   head += "transferMode.DLNA.ORG: Streaming\r\ngetcontentFeatures.dlna.org: 1\r\n\r\n";
   return head;
 }

@@ -109,7 +109,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string tail = std::string("\r\nServer: ") + UPNP_SERVER_BANNER + "\r\n\r\n";
     const bool redsonic = Redsonic(0) != 0 && std::strstr(r->header, "redsonic") != nullptr;
     if (out.size() < tw::http::kResponseHeaderSize - 1 && r->content_length >= 0 && !redsonic) {
-      Check(out.size() > tail.size() && out.compare(out.size() - tail.size(), tail.size(), tail) == 0);
+      Check(out.size() > tail.size() &&
+            out.compare(out.size() - tail.size(), tail.size(), tail) == 0);
     }
   }
   upnp_free_impl(r);

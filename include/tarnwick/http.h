@@ -46,10 +46,10 @@ typedef struct upnp_timeseek {
  * and released with http_file_filecache_free (which also runs the file-completed hook).
  */
 typedef struct HttpFileCache {
-  void* blocks[4];          /* heap blocks owned by the cache (upnp_free_impl) */
-  upnp_file* file;          /* open file, closed with upnp_file_close */
+  void* blocks[4];           /* heap blocks owned by the cache (upnp_free_impl) */
+  upnp_file* file;           /* open file, closed with upnp_file_close */
   int64_t modification_time; /* seconds since 1970; non-zero gives a Last-Modified line */
-  upnp_timeseek* timeseek;  /* owned */
+  upnp_timeseek* timeseek;   /* owned */
 } HttpFileCache;
 
 /*
@@ -59,32 +59,32 @@ typedef struct HttpFileCache {
 typedef struct HttpRequest {
   /* Connection and request. */
   int32_t socket;
-  uint32_t method;         /* one HTTP_METHOD_* bit, 0 for other methods */
-  char url[1024];          /* rewritten and URL-unescaped request target */
-  int32_t http_version;    /* 10 or 11 */
-  char* body;              /* request body text for handlers that take one, else null */
-  int64_t content_length;  /* request body length; then the response body length (<0 unknown) */
+  uint32_t method;        /* one HTTP_METHOD_* bit, 0 for other methods */
+  char url[1024];         /* rewritten and URL-unescaped request target */
+  int32_t http_version;   /* 10 or 11 */
+  char* body;             /* request body text for handlers that take one, else null */
+  int64_t content_length; /* request body length; then the response body length (<0 unknown) */
   int32_t close_connection;
-  const char* mime_type;   /* response MIME type, set by the handler */
+  const char* mime_type; /* response MIME type, set by the handler */
   char client_ip[20];
-  int32_t client_id;       /* client type from the client database */
-  char base_url[128];      /* "http://%s:%d/" under which the client reached the server */
-  char header[8192];       /* the complete request head, NUL-terminated */
+  int32_t client_id;  /* client type from the client database */
+  char base_url[128]; /* "http://%s:%d/" under which the client reached the server */
+  char header[8192];  /* the complete request head, NUL-terminated */
   int32_t remote_access;
-  uint8_t dlna_version;    /* 10, 15 or 0 */
+  uint8_t dlna_version; /* 10, 15 or 0 */
   HttpFileCache* file_cache;
   int32_t auth_required;
   int32_t remote_session_pending;
   int32_t tls;
   int32_t tls_session;
   /* Ranges. */
-  int64_t range_start;     /* first byte, or start time in ms; see HTTP_RANGE_* */
-  int64_t range_end;       /* last byte, or end time in ms */
-  int64_t total_size;      /* total size of the resource, filled by the senders */
+  int64_t range_start; /* first byte, or start time in ms; see HTTP_RANGE_* */
+  int64_t range_end;   /* last byte, or end time in ms */
+  int64_t total_size;  /* total size of the resource, filled by the senders */
   int64_t requested_range_start;
   int64_t requested_range_end;
   int32_t range_is_clock_time;
-  int32_t duration_ms;     /* media duration, 0 when unknown */
+  int32_t duration_ms; /* media duration, 0 when unknown */
   int32_t is_timeseek;
   int32_t range_is_dtcp;
   /* Response. */
@@ -130,10 +130,10 @@ typedef void (*upnp_http_file_completed_fn)(HttpFileCache* cache);
  */
 
 /* Creates, binds and listens. Does nothing when a pointer is null. *port_inout 0 takes the
- * default port; a taken port tries the next one, 1001 attempts in all. On failure *socket_out is -1;
- * on success *port_inout holds the bound port. */
-TW_API void HTTP_create_server_socket(int32_t* socket_out, int32_t* port_inout, const char* ip)
-    TW_NOEXCEPT;
+ * default port; a taken port tries the next one, 1001 attempts in all. On failure *socket_out is
+ * -1; on success *port_inout holds the bound port. */
+TW_API void HTTP_create_server_socket(int32_t* socket_out, int32_t* port_inout,
+                                      const char* ip) TW_NOEXCEPT;
 /* Replaces the default port, 9000, that HTTP_create_server_socket starts from. */
 TW_API void HTTP_set_default_port(int32_t port) TW_NOEXCEPT;
 /* Thread routine for one listening socket; arg is the upnp_server_data record. Returns null. */
@@ -154,8 +154,8 @@ TW_API int32_t HTTP_get_header(int32_t socket, char* buffer, int32_t size) TW_NO
 /* Adds a URL handler for the methods in the mask; url null or "" serves every URL. Refused
  * and logged for a null handler or when a handler sharing a method has the same URL. */
 TW_API void upnp_http_register_handler(upnp_http_handler_fn handler, uint32_t methods,
-                                       const char* url, int32_t receives_body, int32_t is_public)
-    TW_NOEXCEPT;
+                                       const char* url, int32_t receives_body,
+                                       int32_t is_public) TW_NOEXCEPT;
 /* Adds a response-header handler in front of the others. */
 TW_API void upnp_http_register_header_handler(upnp_http_header_handler_fn handler) TW_NOEXCEPT;
 /* Sets the remote-access session-token validator, replacing an earlier one. */
@@ -273,8 +273,8 @@ TW_API void HTTP_make_user_agent_settable(void) TW_NOEXCEPT;
 /* The MIME type for an extension without its dot (any case); a client-specific type of the
  * request's client wins when request is given. "application/octet-stream" when unknown, null
  * for a null extension. */
-TW_API const char* HTTP_get_mime_type(const HttpRequest* request, const char* extension)
-    TW_NOEXCEPT;
+TW_API const char* HTTP_get_mime_type(const HttpRequest* request,
+                                      const char* extension) TW_NOEXCEPT;
 /* The first extension of the first row whose MIME type occurs in text ("" for the fallback
  * type), else the client database's extension for it, else null; null for null text. */
 TW_API const char* HTTP_get_extension_by_mime_type(const char* text) TW_NOEXCEPT;
@@ -295,8 +295,8 @@ TW_API const char* HTTP_get_extension(const char* file_name) TW_NOEXCEPT;
  * HTTP_send_header. */
 TW_API int32_t HTTP_send_error_code(HttpRequest* request, int32_t status) TW_NOEXCEPT;
 /* Sends status with text (null: empty) as the body; content_length becomes its length. */
-TW_API int32_t HTTP_send_error_message(HttpRequest* request, int32_t status, const char* text)
-    TW_NOEXCEPT;
+TW_API int32_t HTTP_send_error_message(HttpRequest* request, int32_t status,
+                                       const char* text) TW_NOEXCEPT;
 /* 404 with the not-found page. The request's own response fields stay as they were, except
  * that a missing mime_type becomes the HTML type. */
 TW_API int32_t HTTP_send_file_not_found(HttpRequest* request) TW_NOEXCEPT;
@@ -306,12 +306,10 @@ TW_API int32_t HTTP_send_unauthorized(HttpRequest* request) TW_NOEXCEPT;
  * name (the spelling of the name is part of the ABI). */
 TW_API int32_t HTTP_send_access_restriced(HttpRequest* request) TW_NOEXCEPT;
 /* 503 naming the request's URL, with detail (null: empty) appended. */
-TW_API int32_t HTTP_send_service_unavailable(HttpRequest* request, const char* detail)
-    TW_NOEXCEPT;
+TW_API int32_t HTTP_send_service_unavailable(HttpRequest* request, const char* detail) TW_NOEXCEPT;
 /* Page texts: title at most 63 characters, message at most 127; a null argument takes its
  * default. */
-TW_API void HTTP_set_access_restriced_message(const char* title, const char* message)
-    TW_NOEXCEPT;
+TW_API void HTTP_set_access_restriced_message(const char* title, const char* message) TW_NOEXCEPT;
 TW_API void HTTP_set_file_not_found_message(const char* title, const char* message) TW_NOEXCEPT;
 /* Credentials of the local Basic check, at most 63 characters each; password is stored
  * scrambled. A non-null alternate only fills a second pair that the check does not use. The
@@ -341,8 +339,7 @@ TW_API int32_t HTTP_send(HttpRequest* request, const char* data) TW_NOEXCEPT;
 /* Sends length bytes on the request's connection, through the TLS send hook for a TLS request
  * (its result -2 also sets close_connection). The send result; -1 on failure, for a null
  * request or a TLS request without a send hook. */
-TW_API int64_t upnp_send_ssl(HttpRequest* request, const void* data, int64_t length)
-    TW_NOEXCEPT;
+TW_API int64_t upnp_send_ssl(HttpRequest* request, const void* data, int64_t length) TW_NOEXCEPT;
 /* Sends a 200 header for a chunked body of content_type (null: the XML type). 1 when the send
  * failed, else 0 (also when no buffer could be had). */
 TW_API int32_t HTTP_send_chunked_header(int32_t socket, const char* content_type) TW_NOEXCEPT;
@@ -352,14 +349,11 @@ TW_API int32_t HTTP_send_chunked_part(int32_t socket, upnp_string* text) TW_NOEX
 /* Sends the last chunk "0\r\n\r\n"; 1 on failure, else 0. */
 TW_API int32_t HTTP_send_chunked_end(int32_t socket) TW_NOEXCEPT;
 /* Sets the eight TLS hooks, in this order; null hooks skip their step. */
-TW_API void http_server_set_tls_callbacks(upnp_tls_startup_fn startup,
-                                          upnp_tls_shutdown_fn shutdown,
-                                          upnp_tls_session_create_fn session_create,
-                                          upnp_tls_session_close_fn session_close,
-                                          upnp_tls_send_fn send, upnp_tls_recv_fn recv,
-                                          upnp_tls_http_get_header_fn http_get_header,
-                                          upnp_tls_http_receive_body_fn http_receive_body)
-    TW_NOEXCEPT;
+TW_API void http_server_set_tls_callbacks(
+    upnp_tls_startup_fn startup, upnp_tls_shutdown_fn shutdown,
+    upnp_tls_session_create_fn session_create, upnp_tls_session_close_fn session_close,
+    upnp_tls_send_fn send, upnp_tls_recv_fn recv, upnp_tls_http_get_header_fn http_get_header,
+    upnp_tls_http_receive_body_fn http_receive_body) TW_NOEXCEPT;
 /* The port announced in the DTCP content type of protected responses. */
 TW_API void http_dtcp_set_port(int32_t port) TW_NOEXCEPT;
 /* The function called with a connection's file cache when it is released; null: none. */
@@ -379,16 +373,16 @@ TW_API void http_file_filecache_free(HttpFileCache* cache) TW_NOEXCEPT;
  * body. Returns the string to use from then on; body is consumed when a new one is made (null
  * when memory ran out before any result existed). A null request or body, or a body without
  * text, comes back unchanged. */
-TW_API upnp_string* http_post_process_for_remote_access(HttpRequest* request, upnp_string* body)
-    TW_NOEXCEPT;
+TW_API upnp_string* http_post_process_for_remote_access(HttpRequest* request,
+                                                        upnp_string* body) TW_NOEXCEPT;
 /* Sends a bare 307 to location, with the session parameter appended; a location without "http"
  * is taken relative to base_url. Returns 1 (close the connection); null location sends nothing. */
 TW_API int32_t upnp_http_redirect(HttpRequest* request, const char* location) TW_NOEXCEPT;
 /* A new string: url with the query parameter name set to value (URL-encoded), appended after
  * the other parameters. url is freed. Null for any null argument (url is then still freed) or a
  * memory shortage. Free with upnp_string_free. */
-TW_API upnp_string* HTTP_set_url_parameter(upnp_string* url, const char* name, const char* value)
-    TW_NOEXCEPT;
+TW_API upnp_string* HTTP_set_url_parameter(upnp_string* url, const char* name,
+                                           const char* value) TW_NOEXCEPT;
 /* "Accept-Language: <code>\r\n" for a known language code or alias, "*" for others; null for
  * null language or a memory shortage. Free with upnp_free_impl. */
 TW_API char* upnp_http_build_language_header(const char* language) TW_NOEXCEPT;

@@ -83,8 +83,8 @@ TW_API void upnp_log_shutdown_on_critical_error(void) TW_NOEXCEPT;
 /* The common back end: formats and writes one line at level (0..4; others print "?"). */
 TW_API void upnp_log_message(int level, uint32_t category, const char* text) TW_NOEXCEPT;
 /* One line to standard output only, whatever the mode and the enabled switch. */
-TW_API void upnp_print_message_to_console(int level, uint32_t category, const char* text)
-    TW_NOEXCEPT;
+TW_API void upnp_print_message_to_console(int level, uint32_t category,
+                                          const char* text) TW_NOEXCEPT;
 /* Writes a ready text to the log file, or to standard output without one, and returns the
  * count the write reported; 0 for null. A short write closes the file: later lines go to
  * standard output until upnp_log_init or upnp_log_clear opens it again. Takes no lock. */

@@ -104,8 +104,8 @@ TW_API upnp_file* upnp_mediafile_open_read(const char* path) TW_NOEXCEPT;
 /* Appends a part to the handle's list; path is copied, length is in bytes. 0, 2 for a null
  * handle or path, 8 when memory is short, leaving the list unchanged. The first part added is
  * taken to be the file the handle has open. */
-TW_API int upnp_mediafile_add_part(upnp_file* handle, const char* path, uint64_t length)
-    TW_NOEXCEPT;
+TW_API int upnp_mediafile_add_part(upnp_file* handle, const char* path,
+                                   uint64_t length) TW_NOEXCEPT;
 /* Fills stat for path: the stat result, 0 on success; when stat fails and the file can still be
  * opened, 0 with the size the open found. -1 for null arguments. */
 TW_API int upnp_mediafile_stat(const char* path, upnp_stat* stat) TW_NOEXCEPT;
@@ -115,8 +115,7 @@ TW_API int upnp_mediafile_stat(const char* path, upnp_stat* stat) TW_NOEXCEPT;
 TW_API int32_t upnp_mediafile_read(upnp_file* handle, void* buffer, uint32_t count) TW_NOEXCEPT;
 /* Seeks in the logical file, whence UPNP_FILE_SEEK_*, opening the part that holds the target:
  * the new position, or -1 for a null handle, a negative target or a failed seek or open. */
-TW_API int64_t upnp_mediafile_seek(upnp_file* handle, int64_t offset, int32_t whence)
-    TW_NOEXCEPT;
+TW_API int64_t upnp_mediafile_seek(upnp_file* handle, int64_t offset, int32_t whence) TW_NOEXCEPT;
 
 /* ---- Buffered reader --------------------------------------------------------------------- */
 
@@ -133,8 +132,7 @@ TW_API int32_t upnp_file_read_byte(upnp_file_b* reader) TW_NOEXCEPT;
 /* Reads the next non-empty line without its CR/LF into buffer, NUL-terminated: at most
  * size - 1 bytes, the rest of a longer line stays for the next call. The length stored, or -1
  * when the end of file came first, for null arguments or size < 2. */
-TW_API int32_t upnp_file_read_line_b(upnp_file_b* reader, char* buffer, uint32_t size)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_file_read_line_b(upnp_file_b* reader, char* buffer, uint32_t size) TW_NOEXCEPT;
 /* The reader's logical position: file position less the bytes still buffered; -1 for null. */
 TW_API int64_t upnp_file_tell_b(upnp_file_b* reader) TW_NOEXCEPT;
 /* 1 when the logical position is at or past the size known at open time, or for null; else 0. */

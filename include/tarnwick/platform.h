@@ -77,8 +77,8 @@ typedef void* (*upnp_thread_routine)(void* arg);
 typedef int (*upnp_process_callback)(void* arg);
 
 /* The new thread's identifier, or 0 when no thread was started; the caller joins or detaches. */
-TW_API pthread_t upnp_start_joinable_thread(upnp_thread_routine routine, void* arg, int32_t level)
-    TW_NOEXCEPT;
+TW_API pthread_t upnp_start_joinable_thread(upnp_thread_routine routine, void* arg,
+                                            int32_t level) TW_NOEXCEPT;
 /* Starts a detached thread: 0 on success (or when none started), else the detach error. */
 TW_API int upnp_start_thread(upnp_thread_routine routine, void* arg, int32_t level) TW_NOEXCEPT;
 /* Ends the calling thread with a null result; never returns. The exit unwinds the stack, so no
@@ -102,8 +102,7 @@ TW_API int system_call_no_wait(const char* program, char* params) TW_NOEXCEPT;
  * A child that cannot execute anything exits with status 0. */
 TW_API int system_call_waiting(const char* program, const char* params) TW_NOEXCEPT;
 TW_API int system_call_waiting_prio(const char* program, const char* params, int32_t priority,
-                                    upnp_process_callback callback, void* callback_arg)
-    TW_NOEXCEPT;
+                                    upnp_process_callback callback, void* callback_arg) TW_NOEXCEPT;
 /* 1 when a live background child runs exactly program, else 0; reaps every ended child. */
 TW_API int check_active_processes(const char* program) TW_NOEXCEPT;
 /* Kills (SIGKILL) and reaps every background child and empties the table; blocks until done. */
@@ -145,14 +144,12 @@ TW_API int32_t close_file(int32_t fd) TW_NOEXCEPT;
  * open. Close it with upnp_file_close. */
 TW_API struct upnp_file* upnp_open_shared_write(const char* path) TW_NOEXCEPT;
 /* Bytes read (a positive count also advances the handle's position), 0 at the end, -1. */
-TW_API int32_t upnp_file_read(struct upnp_file* handle, void* buffer, uint32_t length)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_file_read(struct upnp_file* handle, void* buffer, uint32_t length) TW_NOEXCEPT;
 /* Bytes written, or -1. */
-TW_API int32_t upnp_file_write(struct upnp_file* handle, const void* buffer, uint32_t length)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_file_write(struct upnp_file* handle, const void* buffer,
+                               uint32_t length) TW_NOEXCEPT;
 /* whence 0 start, 1 current, 2 end. The new position (also stored in the handle), or -1. */
-TW_API int64_t upnp_file_seek(struct upnp_file* handle, int64_t offset, int32_t whence)
-    TW_NOEXCEPT;
+TW_API int64_t upnp_file_seek(struct upnp_file* handle, int64_t offset, int32_t whence) TW_NOEXCEPT;
 /* Forces written data to the disk; 0 or -1. */
 TW_API int32_t upnp_file_flush(struct upnp_file* handle) TW_NOEXCEPT;
 /* Follows links. -1 when an argument is null, else the system result (0 with record filled). */
@@ -190,8 +187,8 @@ TW_API int32_t upnp_file_find_is_link(const upnp_find_handle* handle) TW_NOEXCEP
 /* Kilobytes of the file system holding path: 0, 2 for a null argument, 14 when it cannot be
  * queried. The block size is divided by 1024 before multiplying (intended: blocks smaller than
  * 1 KiB give 0). */
-TW_API int32_t upnp_get_disk_info(const char* path, uint64_t* total_kb, uint64_t* free_kb)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_get_disk_info(const char* path, uint64_t* total_kb,
+                                  uint64_t* free_kb) TW_NOEXCEPT;
 /* The same figures; outputs are optional and set to 0 first. 0, or -1 (also for ""). */
 TW_API int32_t getdiskinfo(const char* path, uint64_t* total_kb, uint64_t* free_kb) TW_NOEXCEPT;
 
@@ -243,11 +240,11 @@ TW_API int64_t getSystemTime(void) TW_NOEXCEPT;
 
 /* ---- Sockets and network interfaces ------------------------------------------------------ */
 /*
- * IPv4 only. Sockets are plain descriptors, -1 meaning none. Addresses cross this boundary as dotted
- * text in buffers of UPNP_ADDRESS_TEXT_SIZE bytes; ports are host-order integers, except the
+ * IPv4 only. Sockets are plain descriptors, -1 meaning none. Addresses cross this boundary as
+ * dotted text in buffers of UPNP_ADDRESS_TEXT_SIZE bytes; ports are host-order integers, except the
  * raw network-order field of upnp_util_get_peername. Wrappers hand back the system result:
- * negative on failure with errno set, which getLastSocketError describes. A null text or buffer gives
- * -1 without a system call. Every call is thread-safe; none takes a library lock.
+ * negative on failure with errno set, which getLastSocketError describes. A null text or buffer
+ * gives -1 without a system call. Every call is thread-safe; none takes a library lock.
  */
 #define UPNP_ADDRESS_TEXT_SIZE 17
 
@@ -260,8 +257,7 @@ TW_API int32_t upnp_socket_create_tcp(void) TW_NOEXCEPT;
 TW_API int32_t upnp_socket_create_udp(void) TW_NOEXCEPT;
 /* bind/connect to dotted address and host-order port; the system result, -1 for bad text. */
 TW_API int32_t upnp_socket_bind(int32_t socket, const char* address, int32_t port) TW_NOEXCEPT;
-TW_API int32_t upnp_socket_connect(int32_t socket, const char* address, int32_t port)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_socket_connect(int32_t socket, const char* address, int32_t port) TW_NOEXCEPT;
 /* listen with a backlog of 128; the system result. */
 TW_API int32_t upnp_socket_listen(int32_t socket) TW_NOEXCEPT;
 /* The accepted descriptor, or -1; the peer address is discarded. */
@@ -278,19 +274,18 @@ TW_API void upnp_close_socket(int32_t* socket) TW_NOEXCEPT;
 TW_API int64_t upnp_send(int32_t socket, const void* buffer, int64_t length) TW_NOEXCEPT;
 /* One receive with UPNP_MSG_* flags; EAGAIN/EINTR sleep 50 ms and retry without limit, so a
  * receive time-out never ends it. The system result: bytes, 0 at end, -1. */
-TW_API int32_t upnp_recv(int32_t socket, void* buffer, int32_t length, int32_t flags)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_recv(int32_t socket, void* buffer, int32_t length, int32_t flags) TW_NOEXCEPT;
 /* One datagram to address:port; the system result. */
-TW_API int32_t upnp_sendto(int32_t socket, const void* buffer, int32_t length,
-                           const char* address, int32_t port) TW_NOEXCEPT;
+TW_API int32_t upnp_sendto(int32_t socket, const void* buffer, int32_t length, const char* address,
+                           int32_t port) TW_NOEXCEPT;
 /* One datagram. Above 0 the sender's dotted address and host-order port are stored; otherwise
  * address_out becomes "" and port_out 0. Either output may be null. */
 TW_API int32_t upnp_recvfrom(int32_t socket, void* buffer, int32_t length, char* address_out,
                              int32_t* port_out) TW_NOEXCEPT;
 /* The peer's dotted address and its port AS THE RAW NETWORK-ORDER FIELD, deliberately unlike
  * upnp_recvfrom. The getpeername result; on failure "" and 0. Either output may be null. */
-TW_API int32_t upnp_util_get_peername(int32_t socket, char* address_out, int32_t* port_out)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_util_get_peername(int32_t socket, char* address_out,
+                                      int32_t* port_out) TW_NOEXCEPT;
 
 /* Socket options; each returns the system result. */
 TW_API int32_t setSockOptReuseAddr(int32_t socket) TW_NOEXCEPT;
@@ -300,8 +295,8 @@ TW_API int32_t setSockOptReceiveTimeout(int32_t socket, int32_t ms) TW_NOEXCEPT;
 TW_API int32_t setSockOptSendTimeout(int32_t socket, int32_t ms) TW_NOEXCEPT;
 /* Outgoing multicast interface, where a refusal is only logged since some emulators lack the
  * option, and the multicast TTL as one byte; the result of setting the TTL. */
-TW_API int32_t setSockOptMulticast(int32_t socket, int32_t ttl, const char* interface_address)
-    TW_NOEXCEPT;
+TW_API int32_t setSockOptMulticast(int32_t socket, int32_t ttl,
+                                   const char* interface_address) TW_NOEXCEPT;
 /* Logs the join, then joins group on interface_address; the system result. */
 TW_API int32_t upnp_socket_setSockOptAddMembership(int32_t socket, const char* group,
                                                    const char* interface_address) TW_NOEXCEPT;
@@ -329,8 +324,8 @@ TW_API const char* getLastSocketError(void) TW_NOEXCEPT;
 TW_API int32_t upnp_get_interfaces(int32_t* count_out, char (*table)[UPNP_ADDRESS_TEXT_SIZE],
                                    int32_t max, const char* selection) TW_NOEXCEPT;
 /* Fills buffer of size bytes with whole kernel interface-request records, 32 bytes each on
- * 32-bit targets and 40 on 64-bit ones, whose field starts with the 16-bit interface flags, followed by
- * the IPv4 address bytes at field offset 4. The number of records, or -1. */
+ * 32-bit targets and 40 on 64-bit ones, whose field starts with the 16-bit interface flags,
+ * followed by the IPv4 address bytes at field offset 4. The number of records, or -1. */
 TW_API int32_t get_interface_addresses(void* buffer, int32_t size) TW_NOEXCEPT;
 /* Name of interface number index, 0..7, into name_out: 1; 0 when there is no such entry; -2 when
  * size is too small for the name and its terminator; -1 for null, size 0 or a failed request. */

@@ -105,8 +105,7 @@ TW_API void server_set_dtcp_callbacks(
     upnp_hook_fn support_has_dtcp, upnp_hook_fn support_has_move_source,
     upnp_hook_fn support_has_move_sink, upnp_hook_fn support_has_dis) TW_NOEXCEPT;
 /* Stores the 5 media-rights registrar hooks, in this order. */
-TW_API void server_set_wmdrm_callbacks(upnp_hook_fn is_wmdrm_request,
-                                       upnp_hook_fn http_get_content,
+TW_API void server_set_wmdrm_callbacks(upnp_hook_fn is_wmdrm_request, upnp_hook_fn http_get_content,
                                        upnp_hook_fn soap_authorized, upnp_hook_fn soap_validated,
                                        upnp_hook_fn soap_registered) TW_NOEXCEPT;
 /* Stores the control point's restart callback (null removes it). */
@@ -125,9 +124,8 @@ TW_API char* upnp_get_used_local_ip(const char* text) TW_NOEXCEPT;
 /* 0 when peer's network is served: *local_out a copy of that address, *port_out its HTTP port;
  * 2 for a peer that is null, empty or does not start with a digit; 14 without a '.' or a match;
  * 8 when the copy could not be made. Every output may be null and starts at 0/null. */
-TW_API int32_t upnp_get_matching_local_server(const char* peer, char** local_out,
-                                              int32_t* port_out, int32_t* reserved_out)
-    TW_NOEXCEPT;
+TW_API int32_t upnp_get_matching_local_server(const char* peer, char** local_out, int32_t* port_out,
+                                              int32_t* reserved_out) TW_NOEXCEPT;
 /* 1 when upnp_get_matching_local_server(peer) gives 0, else 0. */
 TW_API int32_t upnp_server_is_local_network(const char* peer) TW_NOEXCEPT;
 /* The local address of upnp_get_matching_local_server as a new copy, or null. */

@@ -31,19 +31,19 @@ typedef struct upnp_string {
  * stop generation at start and end when it changes.
  */
 typedef struct upnp_server_data {
-  int32_t http_socket;       /* listening socket, -1 when none */
-  char ip_address[17];       /* dotted IPv4 text */
-  int32_t http_port;         /* configured port before the socket exists, bound port after */
+  int32_t http_socket;        /* listening socket, -1 when none */
+  char ip_address[17];        /* dotted IPv4 text */
+  int32_t http_port;          /* configured port before the socket exists, bound port after */
   int32_t ssdp_listen_socket; /* multicast listener, -1 when none */
   int32_t ssdp_search_socket; /* search sender, -1 when none */
   int32_t ssdp_notify_socket; /* announcements, -1 when none */
-  uint32_t stop_generation;  /* bumped by every stop, kept across starts */
-  int32_t search_running;    /* search sender thread active */
-  int32_t search_wakeup;     /* search sender wake-up request */
-  int32_t remote;            /* 1 in a remote-access record */
-  int32_t remote_option;     /* remote-access record option */
-  int32_t auth_required;     /* requests must pass the authorization check */
-  void* tls;                 /* TLS context of the outside TLS module, null for plain HTTP */
+  uint32_t stop_generation;   /* bumped by every stop, kept across starts */
+  int32_t search_running;     /* search sender thread active */
+  int32_t search_wakeup;      /* search sender wake-up request */
+  int32_t remote;             /* 1 in a remote-access record */
+  int32_t remote_option;      /* remote-access record option */
+  int32_t auth_required;      /* requests must pass the authorization check */
+  void* tls;                  /* TLS context of the outside TLS module, null for plain HTTP */
 } upnp_server_data;
 
 /* Open file of the file layer (upnp_file_open_read & co.); opaque, freed by upnp_file_close. */

@@ -8,16 +8,16 @@
 #ifndef TARNWICK_UPNP_H
 #define TARNWICK_UPNP_H
 
-#include "tarnwick/export.h"
-#include "tarnwick/types.h"
-#include "tarnwick/platform.h"
-#include "tarnwick/log.h"
-#include "tarnwick/util.h"
-#include "tarnwick/media.h"
-#include "tarnwick/config.h"
 #include "tarnwick/clientdb.h"
+#include "tarnwick/config.h"
+#include "tarnwick/export.h"
 #include "tarnwick/http.h"
-#include "tarnwick/ssdp.h"
+#include "tarnwick/log.h"
+#include "tarnwick/media.h"
+#include "tarnwick/platform.h"
 #include "tarnwick/server.h"
+#include "tarnwick/ssdp.h"
+#include "tarnwick/types.h"
+#include "tarnwick/util.h"
 
 #endif /* TARNWICK_UPNP_H */

@@ -52,8 +52,7 @@ TW_API upnp_string* upnp_string_concat(upnp_string* s, const char* cstr) TW_NOEX
  * capacity count + 256, giving null if that fails. */
 TW_API upnp_string* upnp_string_add(upnp_string* s, const void* bytes, uint32_t count) TW_NOEXCEPT;
 /* Appends the used bytes of src through upnp_string_add; dst untouched when src is empty. */
-TW_API upnp_string* upnp_string_concat_string(upnp_string* dst, const upnp_string* src)
-    TW_NOEXCEPT;
+TW_API upnp_string* upnp_string_concat_string(upnp_string* dst, const upnp_string* src) TW_NOEXCEPT;
 /* Appends cstr converted to UTF-8 by upnp_strdup_to_utf8 when to_utf8 != 0, else to Latin-1 by
  * upnp_strdup_from_utf8. A null s is created with capacity 256; s is unchanged when the
  * conversion gives null. Grows by its own rule: reserves twice the converted length. */
@@ -303,7 +302,8 @@ TW_API void kt_util_release_argv_str(char** argv) TW_NOEXCEPT;
 /* Diagnostics. */
 /* Writes data as "%02X " bytes, 16 per line, each line after indent spaces, to stream (a FILE*);
  * flushes. 0, or -1 when data, length or stream is missing. */
-TW_API int upnp_hexdump(const void* data, uint32_t length, void* stream, int32_t indent) TW_NOEXCEPT;
+TW_API int upnp_hexdump(const void* data, uint32_t length, void* stream,
+                        int32_t indent) TW_NOEXCEPT;
 /* ---- end of parsing and formatting helpers ----------------------------------------------- */
 
 /* ---- String scrambling ------------------------------------------------------------------- */

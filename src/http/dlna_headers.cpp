@@ -31,8 +31,8 @@ bool HasStreamingFlags(const char* head) noexcept {
 
 // One "DLNA.ORG_xx=value" part from the text behind marker in url, cut at the first '-' and
 // then at the first '/'. False (out empty) when url lacks the marker.
-bool UrlPart(const char* url, const char* marker, const char* label, const char* suffix,
-             char* out, size_t size) noexcept {
+bool UrlPart(const char* url, const char* marker, const char* label, const char* suffix, char* out,
+             size_t size) noexcept {
   out[0] = '\0';
   const char* found = std::strstr(url, marker);
   if (found == nullptr) return false;
@@ -109,8 +109,8 @@ void ContentFeaturesLine(const char* url, char* out) noexcept {
   // No operation at all is the same as no OP part.
   if (std::strcmp(op, "DLNA.ORG_OP=00") == 0) op[0] = '\0';
   // Without a PN part the value starts with ';', intended: clients accept it so.
-  FormatCut(out, kSize, "contentFeatures.dlna.org: %s%s%s%s%s%s%s\r\n", pn, Separator(op),
-                op, Separator(ci), ci, Separator(flags), flags);
+  FormatCut(out, kSize, "contentFeatures.dlna.org: %s%s%s%s%s%s%s\r\n", pn, Separator(op), op,
+            Separator(ci), ci, Separator(flags), flags);
 }
 
 TransferMode SelectTransferMode(const char* head) noexcept {

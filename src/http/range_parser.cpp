@@ -146,8 +146,8 @@ int32_t FormatRangeTime(int64_t milliseconds, char* buffer, size_t size) noexcep
   int64_t s = milliseconds / 1000;
   // Hours wrap at 60, intended (a range time never gets there in practice).
   return FormatCut(buffer, size, "%d:%d:%d.%03d", static_cast<int>((s / 3600) % 60),
-                       static_cast<int>((s / 60) % 60), static_cast<int>(s % 60),
-                       static_cast<int>(milliseconds % 1000));
+                   static_cast<int>((s / 60) % 60), static_cast<int>(s % 60),
+                   static_cast<int>(milliseconds % 1000));
 }
 
 void ReadRanges(HttpRequest& request) noexcept {

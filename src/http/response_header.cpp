@@ -121,9 +121,9 @@ void WriteRangeLine(const HttpRequest& r, bool time_seek, char* out) noexcept {
   if (r.range_is_clock_time == 0) {
     // The milliseconds are not padded ("001.5" for 1005 ms), intended: clients parse it so.
     FormatCut(out, kRangeLineSize,
-                  "TimeSeekRange.dlna.org: npt=%03d.%d-%03d.%d/%03d.%d bytes=%s-%s/%s\r\n",
-                  from / 1000, from % 1000, to / 1000, to % 1000, duration / 1000,
-                  duration % 1000, start, end, total);
+              "TimeSeekRange.dlna.org: npt=%03d.%d-%03d.%d/%03d.%d bytes=%s-%s/%s\r\n", from / 1000,
+              from % 1000, to / 1000, to % 1000, duration / 1000, duration % 1000, start, end,
+              total);
     return;
   }
   char from_text[kTimeSize];
@@ -133,7 +133,7 @@ void WriteRangeLine(const HttpRequest& r, bool time_seek, char* out) noexcept {
   FormatRangeTime(to, to_text, sizeof(to_text));
   FormatRangeTime(duration, duration_text, sizeof(duration_text));
   FormatCut(out, kRangeLineSize, "TimeSeekRange.dlna.org: npt=%s-%s/%s bytes=%s-%s/%s\r\n",
-                from_text, to_text, duration_text, start, end, total);
+            from_text, to_text, duration_text, start, end, total);
 }
 
 // The host of base_url: behind the scheme, up to the port's ':'.
@@ -232,7 +232,7 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
     }
   }
   FormatCut(work.status_line, kLineSize, "%s%.*s", version, static_cast<int>(text.size()),
-                text.data());
+            text.data());
 
   if (mime == nullptr) {
     upnp_log_err_impl(UPNP_LOG_HTTP, "HTTP_send_header NO MIME TYPE given!\n%s", r.url);
@@ -243,7 +243,7 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
     const char* rate = std::strstr(r.url, "rate");
     const char* channels = std::strstr(r.url, "channels");
     FormatCut(pcm_parameters, sizeof(pcm_parameters), ";rate=%d;channels=%d",
-                  rate != nullptr ? Atoi(rate + 4) : 0, channels != nullptr ? Atoi(channels + 8) : 0);
+              rate != nullptr ? Atoi(rate + 4) : 0, channels != nullptr ? Atoi(channels + 8) : 0);
   }
 
   if (r.dlna_version != 0 && r.content_length == kUnknownStreamLength) {
@@ -255,7 +255,7 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
   if (r.content_length >= 0 && r.chunked == 0) {
     char length[kNumberSize];
     FormatCut(work.content_length, kLineSize, "Content-Length: %s\r\n",
-                  Number(r.content_length, length).data());
+              Number(r.content_length, length).data());
   }
 
   if (upnp_istrstr(head, "\ngetContentFeatures.dlna.org:") != nullptr) {
@@ -266,7 +266,7 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
   if (upnp_istrstr(head, "GetAvailableSeekRange.DLNA.ORG:") != nullptr && r.duration_ms != 0) {
     char line[kLineSize];
     FormatCut(line, sizeof(line), "AvailableSeekRange.DLNA.ORG: 1 npt=0.000-%03d.%d\r\n",
-                  r.duration_ms / 1000, r.duration_ms % 1000);
+              r.duration_ms / 1000, r.duration_ms % 1000);
     AddHeaderLines(r, line);
   }
   TransferMode mode = SelectTransferMode(head);
@@ -282,8 +282,8 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
     char host[kLineSize];
     HostOfBaseUrl(r.base_url, host, sizeof(host));
     FormatCut(work.content_type, kLineSize,
-                  "application/x-dtcp1;DTCP1HOST=%s;DTCP1PORT=%d;CONTENTFORMAT=\"%s\"%s", host,
-                  env.dtcp_port(), mime, pcm_parameters);
+              "application/x-dtcp1;DTCP1HOST=%s;DTCP1PORT=%d;CONTENTFORMAT=\"%s\"%s", host,
+              env.dtcp_port(), mime, pcm_parameters);
   } else {
     FormatCut(work.content_type, kLineSize, "%s%s", mime, pcm_parameters);
   }
@@ -294,15 +294,14 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
   if (env.redsonic_compliant(r.client_id) != 0 && std::strstr(head, "redsonic") != nullptr) {
     // "Accept-Range: 0 bytes" (sic) is what these clients expect.
     length = FormatCut(work.header, kResponseHeaderSize,
-                           "%s\r\nContent-Type: %s\r\n%sAccept-Range: 0 bytes\r\n"
-                           "User-Agent: redsonic\r\n\r\n",
-                           work.status_line, work.content_type, work.content_length);
+                       "%s\r\nContent-Type: %s\r\n%sAccept-Range: 0 bytes\r\n"
+                       "User-Agent: redsonic\r\n\r\n",
+                       work.status_line, work.content_type, work.content_length);
     force_10 = true;
   } else if (r.content_length < 0) {
     length = FormatCut(work.header, kResponseHeaderSize,
-                           "%s\r\nContent-Type: %s\r\nConnection: close\r\n%s%s\r\n",
-                           work.status_line, work.content_type, transfer_encoding,
-                           r.extra_headers);
+                       "%s\r\nContent-Type: %s\r\nConnection: close\r\n%s%s\r\n", work.status_line,
+                       work.content_type, transfer_encoding, r.extra_headers);
     force_10 = true;
   } else {
     length = FormatCut(

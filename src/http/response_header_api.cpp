@@ -28,7 +28,8 @@ TW_API void HTTP_set_server_info(HttpRequest* request) noexcept {
 
 TW_API void HTTP_set_no_cache(HttpRequest* request) noexcept {
   if (request == nullptr) return;
-  tw::http::AddHeaderLines(*request, "Expires: 0\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n");
+  tw::http::AddHeaderLines(*request,
+                           "Expires: 0\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n");
 }
 
 TW_API void HTTP_set_default_user_agent(const char* text) noexcept {

@@ -36,8 +36,8 @@ constexpr std::array<Named, 13> kCategories{{
     {UPNP_LOG_PERF, "LOG_PERF"},
 }};
 
-constexpr std::array<std::string_view, 5> kLevelTags{
-    "[Debug]", "[Info]", "[Problem]", "[Error]", "[Critical]"};
+constexpr std::array<std::string_view, 5> kLevelTags{"[Debug]", "[Info]", "[Problem]", "[Error]",
+                                                     "[Critical]"};
 
 constexpr std::string_view kUnknown = "?";
 

@@ -19,10 +19,8 @@ TW_API int upnp_resource_get(char* name, uint32_t* size_out, void** data_out) no
   if (data_out != nullptr) *data_out = nullptr;
   if (name == nullptr || size_out == nullptr || data_out == nullptr) return 0;
   const char* base_dir = upnp_ini_file_get_EXE_Dir();
-  return tw::server::GetResource(base_dir != nullptr ? base_dir : "", name, size_out, data_out)
-             ? 1
-             : 0;
+  return tw::server::GetResource(base_dir != nullptr ? base_dir : "", name, size_out, data_out) ? 1
+                                                                                                : 0;
 }
 
 }  // extern "C"
-

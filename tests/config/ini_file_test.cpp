@@ -66,7 +66,7 @@ TEST_F(ConfigIniFile, WriterLaysOutHeaderDescriptionsAndVisibleProperties) {
 
 TEST_F(ConfigIniFile, WrittenFileReadsBackToTheSameTable) {
   const std::pair<uint32_t, std::string> values[] = {
-      {0, "Gr\xC3\xBCn = Bad"}, {1, "10.0.0.2"}, {2, "0"},         {5, "8080"},
+      {0, "Gr\xC3\xBCn = Bad"}, {1, "10.0.0.2"}, {2, "0"},       {5, "8080"},
       {12, "/tmp/x.log"},       {17, "3"},       {20, "a, b,,c"}};
   for (const std::string& mark : {std::string(), kBom}) {
     SCOPED_TRACE(mark.empty() ? "UTF-8" : "UTF-16");

@@ -104,8 +104,9 @@ TEST_F(HttpBodySender, UnsetRangesAreCheckedBeforeRefusedOnesAndBothBeforeBounds
   HttpRequest request = {};
   request.content_length = 100;
   const std::tuple<int64_t, int64_t, int32_t> cases[] = {
-      {-3, -2, 400}, {-2, -3, 400}, {-3, 5, 406},  {500, -3, 406},           {-1, -1, 0},
-      {0, 100, 0},   {5, 4, 416},   {-1, 50, 0},   {INT64_MIN, INT64_MAX, 416}};
+      {-3, -2, 400},  {-2, -3, 400}, {-3, 5, 406},
+      {500, -3, 406}, {-1, -1, 0},   {0, 100, 0},
+      {5, 4, 416},    {-1, 50, 0},   {INT64_MIN, INT64_MAX, 416}};
   for (const auto& [start, end, status] : cases) {
     request.range_start = start;
     request.range_end = end;

@@ -257,8 +257,9 @@ TEST_F(HttpWire, HeadsAreReadExactlyWhateverTheirShape) {
   EXPECT_EQ(Echoed("X-End: 1\r\n\r\n")["hl"],
             std::to_string(std::strlen("GET /lf HTTP/1.1\nHost: b\n\nX-End: 1\r\n\r\n")));
   // A GET carrying a chunked body: the body is drained up to its "0", nothing further.
-  fields = Echoed("GET /g HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"
-                  "GET /h HTTP/1.1\r\n\r\n");
+  fields = Echoed(
+      "GET /g HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"
+      "GET /h HTTP/1.1\r\n\r\n");
   EXPECT_EQ(fields["url"], "/g");
   EXPECT_EQ(fields["q"], "RNRNGET /h HTTP/1.1RNRN");
   EXPECT_EQ(Fields(peer_.ReadResponse())["url"], "/h");

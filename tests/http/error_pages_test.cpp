@@ -54,9 +54,12 @@ TEST_F(HttpErrorPages, PagesGoOutByteExactFromACopyOfTheRequest) {
   const auto found = pair.client().ReadResponse();
   EXPECT_EQ(found.head + found.body,
             "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: "
-            "132\r\nDate: " + HeaderValue(found.head, "Date") + "\r\nPragma: no-cache\r\n"
-            "Cache-control: no-cache\r\nAccept-Ranges: bytes\r\nConnection: keep-alive\r\nEXT:"
-            "\r\nServer: " UPNP_SERVER_BANNER "\r\n\r\n" + kNotFoundPage);
+            "132\r\nDate: " +
+                HeaderValue(found.head, "Date") +
+                "\r\nPragma: no-cache\r\n"
+                "Cache-control: no-cache\r\nAccept-Ranges: bytes\r\nConnection: keep-alive\r\nEXT:"
+                "\r\nServer: " UPNP_SERVER_BANNER "\r\n\r\n" +
+                kNotFoundPage);
   // The realm line ends in a bare LF.
   const auto restricted = pair.client().ReadResponse();
   char host[128] = "";

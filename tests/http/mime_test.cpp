@@ -15,12 +15,19 @@ std::string Extension(const char* mime) { return Text(HTTP_get_extension_by_mime
 
 // Rows whose order or spelling matters: first match wins, whole extensions without case.
 TEST(HttpMime, LookupsByExtension) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"mod", "video/mpeg"}, {"tts", "video/mpeg2"}, {"3gp.a", "audio/mp4"}, {"Mp4.A", "audio/mp4"},
-      {"mpa", "audio/MPA"}, {"3gp", "video/3gpp"}, {"mpg-tts", "video/vnd.dlna.mpeg-tts"},
-      {"xml", " text/xml; charset=\"utf-8\""}, {"htm", "text/html; charset=utf-8"},
-      {"MP3", "audio/mpeg"}, {"mp33", "application/octet-stream"},
-      {"", "application/octet-stream"}, {nullptr, "<null>"}};
+  const std::pair<const char*, const char*> cases[] = {{"mod", "video/mpeg"},
+                                                       {"tts", "video/mpeg2"},
+                                                       {"3gp.a", "audio/mp4"},
+                                                       {"Mp4.A", "audio/mp4"},
+                                                       {"mpa", "audio/MPA"},
+                                                       {"3gp", "video/3gpp"},
+                                                       {"mpg-tts", "video/vnd.dlna.mpeg-tts"},
+                                                       {"xml", " text/xml; charset=\"utf-8\""},
+                                                       {"htm", "text/html; charset=utf-8"},
+                                                       {"MP3", "audio/mpeg"},
+                                                       {"mp33", "application/octet-stream"},
+                                                       {"", "application/octet-stream"},
+                                                       {nullptr, "<null>"}};
   for (const auto& [extension, type] : cases) EXPECT_EQ(Type(extension), type) << Text(extension);
   // With a request the client database is asked first; the stand-in knows no special types.
   auto* request = static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest)));

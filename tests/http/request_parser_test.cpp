@@ -82,7 +82,8 @@ TEST_F(HttpHeadValues, UnescapeInPlaceToleratesBrokenEscapes) {
   // Non-hex characters count as 0; a '%' needs two characters behind it and nothing past the
   // end is read; "%00" ends the text early.
   EXPECT_EQ(Unescaped("%g1z").c_str(), std::string("\x01z"));
-  EXPECT_EQ(Unescaped("%%41").c_str(), std::string("\x04" "1"));
+  EXPECT_EQ(Unescaped("%%41").c_str(), std::string("\x04"
+                                                   "1"));
   EXPECT_EQ(Unescaped("100%").c_str(), std::string("100%"));
   EXPECT_EQ(Unescaped("ab%4").c_str(), std::string("ab%4"));
   EXPECT_EQ(Unescaped("a%00bc").substr(0, 4), std::string("a\0bc", 4));

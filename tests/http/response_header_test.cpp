@@ -78,9 +78,12 @@ class HttpResponseHeader : public tw::test::LeakCheck {
 };
 
 TEST_F(HttpResponseHeader, StatusTextsAndTheTypesTheyForce) {
-  for (const auto& [status, text] : {std::pair{401, "401 Unauthorised"}, {402, "402 Invalid Args"},
-                                      {501, "501 Action Failed"}, {503, "503 Service Unavailable"},
-                                      {200, "200 OK"}, {302, "200 OK"}}) {
+  for (const auto& [status, text] : {std::pair{401, "401 Unauthorised"},
+                                     {402, "402 Invalid Args"},
+                                     {501, "501 Action Failed"},
+                                     {503, "503 Service Unavailable"},
+                                     {200, "200 OK"},
+                                     {302, "200 OK"}}) {
     Make("/v.mp4");
     EXPECT_EQ(StatusLine(status), std::string("HTTP/1.1 ") + text);
     EXPECT_EQ(ContentType(status), status > 400 ? "text/html; charset=utf-8" : "video/mp4");
@@ -98,7 +101,8 @@ TEST_F(HttpResponseHeader, FullFormByteForByte) {
             "HTTP/1.1 200 OK\r\nContent-Type: video/mp4\r\nContent-Length: 1234\r\n"
             "Date: Sun, 06 Nov 1994 08:49:37 GMT\r\nPragma: no-cache\r\nCache-control: no-cache\r\n"
             "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\nAccept-Ranges: bytes\r\n"
-            "Connection: keep-alive\r\nX-A: 1\r\nEXT:\r\nServer: " + kBanner + "\r\n\r\n");
+            "Connection: keep-alive\r\nX-A: 1\r\nEXT:\r\nServer: " +
+                kBanner + "\r\n\r\n");
   r.file_cache = nullptr;
   r.close_connection = 1;
   r.chunked = 1;
@@ -113,8 +117,9 @@ TEST_F(HttpResponseHeader, ShortFormsGoOutAsHttp10) {
   r.content_length = -1;
   r.chunked = 1;
   HTTP_add_header(&r, "X-A: 1\r\n");
-  EXPECT_EQ(Compose(200), "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nConnection: close\r\n"
-                          "Transfer-Encoding: chunked\r\nX-A: 1\r\n\r\n");
+  EXPECT_EQ(Compose(200),
+            "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nConnection: close\r\n"
+            "Transfer-Encoding: chunked\r\nX-A: 1\r\n\r\n");
   // The length handlers give for endless streams is unknown for DLNA clients only.
   Make("/live").content_length = 9999999999999999LL;
   EXPECT_TRUE(Has(200, "Content-Length: 9999999999999999\r\n"));
@@ -131,8 +136,9 @@ TEST_F(HttpResponseHeader, ShortFormsGoOutAsHttp10) {
   red.content_length = 3;
   EXPECT_FALSE(Has(200, "Accept-Range:"));
   g_quirks.redsonic = 1;
-  EXPECT_EQ(Compose(200), "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nContent-Length: 3\r\n"
-                          "Accept-Range: 0 bytes\r\nUser-Agent: redsonic\r\n\r\n");
+  EXPECT_EQ(Compose(200),
+            "HTTP/1.0 200 OK\r\nContent-Type: video/mp4\r\nContent-Length: 3\r\n"
+            "Accept-Range: 0 bytes\r\nUser-Agent: redsonic\r\n\r\n");
   Make("/a.mp3");
   EXPECT_FALSE(Has(200, "Accept-Range:"));
 }
@@ -208,8 +214,9 @@ TEST_F(HttpResponseHeader, DlnaChecksTurnOkIntoErrors) {
     EXPECT_EQ(StatusLine(206), "HTTP/1.1 206 Partial Content");  // only a 200 is checked
   }
   HttpRequest& awox = Make("/x/com.awox.transcode/v.mp4");
-  EXPECT_TRUE(Has(200, "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\n"
-                       "Content-Length: 0\r\n"));
+  EXPECT_TRUE(Has(200,
+                  "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\n"
+                  "Content-Length: 0\r\n"));
   EXPECT_EQ(awox.content_length, 0);
 }
 
@@ -221,7 +228,7 @@ TEST_F(HttpResponseHeader, ContentFeaturesFromTheUrl) {
       {"/m/NON-DLNA-PNMP3/a.mp3", "*"},
       {"/m/a.mp3", "*"},
       {"/m/1-PNAVC_TS-OP00/v.ts", "DLNA.ORG_PN=AVC_TS"},  // OP00 is left out...
-      {"/m/1-OP00/v.ts", ""},                              // ...but counts as found
+      {"/m/1-OP00/v.ts", ""},                             // ...but counts as found
       {"/m/1-OP11/v.ts", ";DLNA.ORG_OP=11"},              // without PN, a leading ';'
       {"/m-PNJPEG_SM/1-x", "DLNA.ORG_PN=JPEG_SM"},        // cut at '-', then at '/'
   };
@@ -275,8 +282,9 @@ TEST_F(HttpResponseHeader, ContentTypes) {
   HttpRequest& dtcp = Make("/a/rate8000/channels1");
   dtcp.dtcp_protected = 1;
   dtcp.mime_type = "audio/L16";
-  EXPECT_EQ(ContentType(200), "application/x-dtcp1;DTCP1HOST=10.0.0.2;DTCP1PORT=5555;"
-                              "CONTENTFORMAT=\"audio/L16\";rate=8000;channels=1");
+  EXPECT_EQ(ContentType(200),
+            "application/x-dtcp1;DTCP1HOST=10.0.0.2;DTCP1PORT=5555;"
+            "CONTENTFORMAT=\"audio/L16\";rate=8000;channels=1");
   EXPECT_EQ(Extra(), "Pragma: no-cache\r\nCache-control: no-cache\r\n");
   dtcp.method = HTTP_METHOD_POST;
   EXPECT_EQ(ContentType(200), "audio/L16;rate=8000;channels=1");

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "log/log.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -11,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "log/log.h"
 #include "platform/test_hooks.h"
 #include "support/test_support.h"
 #include "tarnwick/log.h"

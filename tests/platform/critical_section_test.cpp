@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "platform/critical_section.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <thread>
 
-#include "platform/critical_section.h"
 #include "tarnwick/log.h"
 #include "tarnwick/platform.h"
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "server/resource.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -6,7 +8,6 @@
 #include <string>
 
 #include "platform/test_hooks.h"
-#include "server/resource.h"
 #include "support/test_support.h"
 #include "tarnwick/log.h"
 #include "tarnwick/server.h"
@@ -64,7 +65,7 @@ TEST_F(ServerResource, FileIsReadWithTwoZeroBytesThenServedFromTheCache) {
   const uint32_t before = upnp_mem_used();
   ASSERT_TRUE(tw::server::GetResource(dir_.path().c_str(), name.data(), &size, &data));
   EXPECT_EQ(name, std::string("icon.png\0x", 10));  // cut in place
-  EXPECT_EQ(upnp_mem_used() - before, 4u);         // the cached copy has no terminator bytes
+  EXPECT_EQ(upnp_mem_used() - before, 4u);          // the cached copy has no terminator bytes
   EXPECT_EQ(std::string(static_cast<char*>(data), size), "PNG1");
   upnp_free_impl(data);
 }

@@ -16,7 +16,8 @@ namespace tw::test {
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
-  std::string templ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/twtest.XXXXXX";
+  std::string templ =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/twtest.XXXXXX";
   char* made = mkdtemp(templ.data());
   if (made == nullptr) {
     ADD_FAILURE() << "mkdtemp failed for " << templ;

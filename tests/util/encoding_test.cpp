@@ -41,19 +41,25 @@ std::string FromUtf16(std::vector<uint8_t> bytes) {
 TEST_F(UtilEncoding, FromUtf8KeepsLatin1AndDropsTheRest) {
   // Beyond Latin-1 is lost; the second byte is taken as it is, continuation or not; a sequence
   // cut short by the end stops there.
-  ExpectConv(upnp_strdup_from_utf8,
-             {{"caf\xC3\xA9", "caf\xE9"}, {"a\xE2\x82\xACz", "a?z"}, {"\xF0\x9F\x98\x80!", "?!"},
-              {"\xFC\x80\x80\x80\x80\x80z", "?z"}, {"a\x80\xC0\xC1\xFE\xFFz", "az"},
-              {"\xC5\x93", ""}, {"\xC3Q", "\x91"}, {"ab\xE2\x82", "ab?"}, {"ab\xC3", "ab"}});
+  ExpectConv(upnp_strdup_from_utf8, {{"caf\xC3\xA9", "caf\xE9"},
+                                     {"a\xE2\x82\xACz", "a?z"},
+                                     {"\xF0\x9F\x98\x80!", "?!"},
+                                     {"\xFC\x80\x80\x80\x80\x80z", "?z"},
+                                     {"a\x80\xC0\xC1\xFE\xFFz", "az"},
+                                     {"\xC5\x93", ""},
+                                     {"\xC3Q", "\x91"},
+                                     {"ab\xE2\x82", "ab?"},
+                                     {"ab\xC3", "ab"}});
   EXPECT_EQ(upnp_strdup_from_utf8(nullptr), nullptr);
 }
 
 TEST_F(UtilEncoding, ToUtf8PassesValidSequencesAndRepairsTheRest) {
-  ExpectConv(upnp_strdup_to_utf8,
-             {{"\xE9", "\xC3\xA9"}, {"\xE9z", "\xC3\xA9z"}, {"x\xF0", "x\xC3\xB0"},
-              {"\xA0\xBF\xC0\xFF", "\xC2\xA0\xC2\xBF\xC3\x80\xC3\xBF"},
-              {"\xE2\x82\xAC\xE2\x82", "\xE2\x82\xAC\xC3\xA2\xC2\x82"},
-              {"\xFC\x80\x80\x80\x80\x80", "\xFC\x80\x80\x80\x80\x80"}});
+  ExpectConv(upnp_strdup_to_utf8, {{"\xE9", "\xC3\xA9"},
+                                   {"\xE9z", "\xC3\xA9z"},
+                                   {"x\xF0", "x\xC3\xB0"},
+                                   {"\xA0\xBF\xC0\xFF", "\xC2\xA0\xC2\xBF\xC3\x80\xC3\xBF"},
+                                   {"\xE2\x82\xAC\xE2\x82", "\xE2\x82\xAC\xC3\xA2\xC2\x82"},
+                                   {"\xFC\x80\x80\x80\x80\x80", "\xFC\x80\x80\x80\x80\x80"}});
   EXPECT_EQ(upnp_strdup_to_utf8(nullptr), nullptr);
 }
 
@@ -92,11 +98,16 @@ TEST_F(UtilEncoding, SortKeysAndAccentInsensitiveOrder) {
   EXPECT_EQ(upnp_get_urf8_sortchar(0xC2, 0xA9), 0xC2);
 
   // The euro and trade marks share a lead and are unmapped; a lead may be cut short by the end.
-  const std::tuple<const char*, const char*, int> order[] = {
-      {"Dog", "\xC3\x89lan", -1}, {"\xC3\x89lan", "Fig", -1}, {"\xC3\x85re", "Zoo", 1},
-      {"\xC3\xA9t\xC3\xA9", "ETE", 0}, {"abc", "ABCD", -1}, {"abcd", "ABC", 1},
-      {"\xE2\x82\xAC", "\xE2\x84\xA2", 0}, {nullptr, "a", -1}, {nullptr, nullptr, 0},
-      {"x\xC3", "X\xC3", 0}};
+  const std::tuple<const char*, const char*, int> order[] = {{"Dog", "\xC3\x89lan", -1},
+                                                             {"\xC3\x89lan", "Fig", -1},
+                                                             {"\xC3\x85re", "Zoo", 1},
+                                                             {"\xC3\xA9t\xC3\xA9", "ETE", 0},
+                                                             {"abc", "ABCD", -1},
+                                                             {"abcd", "ABC", 1},
+                                                             {"\xE2\x82\xAC", "\xE2\x84\xA2", 0},
+                                                             {nullptr, "a", -1},
+                                                             {nullptr, nullptr, 0},
+                                                             {"x\xC3", "X\xC3", 0}};
   for (const auto& [a, b, r] : order) EXPECT_EQ(upnp_utf8_stricmp(a, b), r) << a << " " << b;
 }
 

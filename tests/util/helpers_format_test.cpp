@@ -33,7 +33,8 @@ Args Split(const char* line) {
 std::string Join(std::vector<const char*> args, const char* start = nullptr) {
   upnp_string* s = start != nullptr ? upnp_string_concat(nullptr, start) : nullptr;
   EXPECT_EQ(kt_string_argv_to_string(const_cast<char* const*>(args.data()),
-                                     static_cast<int32_t>(args.size()), 0, &s), 0);
+                                     static_cast<int32_t>(args.size()), 0, &s),
+            0);
   std::string text = upnp_string_get_cstring(s);
   upnp_string_free(s);
   return text;
@@ -131,8 +132,9 @@ TEST_F(UtilHelpersFormat, GroupAllocationIsAllOrNothing) {
     EXPECT_EQ(upnp_group_malloc(2, &a, uint32_t{8}, &b, uint32_t{8}), nullptr);
     EXPECT_EQ(a, nullptr);
   }
-  EXPECT_EQ(upnp_group_malloc_get_num(0, &a, uint32_t{8}, &b, uint32_t{4},
-                                      static_cast<void**>(nullptr)), 2);
+  EXPECT_EQ(
+      upnp_group_malloc_get_num(0, &a, uint32_t{8}, &b, uint32_t{4}, static_cast<void**>(nullptr)),
+      2);
   EXPECT_EQ(upnp_group_malloc_get_num(0, &a, uint32_t{8}, &b, uint32_t{0}), 1);
 }
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "util/scramble.h"
+
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -8,7 +10,6 @@
 
 #include "support/test_support.h"
 #include "tarnwick/util.h"
-#include "util/scramble.h"
 
 namespace {
 
@@ -65,7 +66,6 @@ TEST_F(UtilScramble, PublicEntriesRoundTripAndAreIdempotent) {
   const std::string long_text(200, 'q');
   upnp_string_encrypt(long_text.c_str(), scrambled, sizeof(scrambled));
   EXPECT_EQ(Decrypt(scrambled), long_text.substr(0, 128));
-
 }
 
 TEST_F(UtilScramble, SmallBuffersAndBadInputStayInBounds) {
@@ -73,8 +73,8 @@ TEST_F(UtilScramble, SmallBuffersAndBadInputStayInBounds) {
   upnp_string_encrypt("abcdef", tiny.data(), tiny.size());
   EXPECT_EQ(std::string(tiny.data()), std::string("::") + std::string(tiny.data() + 2, 3));
 
-  EXPECT_EQ(Decrypt("plain text"), "");  // no "::": stays cleared
-  EXPECT_EQ(Decrypt("::5A"), "");        // a single digit makes no byte
+  EXPECT_EQ(Decrypt("plain text"), "");      // no "::": stays cleared
+  EXPECT_EQ(Decrypt("::5A"), "");            // a single digit makes no byte
   EXPECT_EQ(Decrypt("::Z1234").size(), 2u);  // a bad key digit reads as -1, still in bounds
   EXPECT_EQ(Decrypt("::124", 1), "");        // cut to the buffer: garbage, but terminated
 
