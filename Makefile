@@ -1,7 +1,8 @@
 # Tarnwick UPnP SDK: the project's commands. See README.md.
 #   make test   configure, build and run every test inside a private loopback-only namespace
 #   make run    the main job (see README.md)
-#   make check  make test, then ASan+UBSan, the 32-bit ARM build under qemu, and short fuzz runs
+#   make check  the format check, make test, then ASan+UBSan, TSan, the 32-bit ARM build under
+#               qemu, and short fuzz runs
 SHELL := /bin/sh
 JOBS ?= 2
 BUILD_TYPE ?= RelWithDebInfo
@@ -10,7 +11,7 @@ NETNS := sh scripts/netns-run.sh
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build test run check asan tsan arm fuzz bench format clean
+.PHONY: all deps build test run check asan tsan arm fuzz bench format format-check clean
 
 all: build
 
@@ -66,10 +67,14 @@ bench:
 	cmake --build build-bench -j$(JOBS)
 	sh scripts/run-bench.sh build-bench
 
-check: test asan tsan arm fuzz
+check: format-check test asan tsan arm fuzz
 
 format:
-	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.c')
+	clang-format-14 -i $$(git ls-files '*.cpp' '*.h' '*.c')
+
+format-check:
+	@sh scripts/install-deps.sh --check
+	sh scripts/check_format.sh
 
 clean:
 	rm -rf build build-asan build-tsan build-arm build-fuzz build-bench
