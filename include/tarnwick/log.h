@@ -21,30 +21,11 @@
 #include <stdint.h>
 
 #include "tarnwick/export.h"
+#include "tarnwick/types.h"
 
 TW_EXTERN_C_BEGIN
 
-/* Categories. */
-#define UPNP_LOG_SYSTEM 1u
-#define UPNP_LOG_SSDP 2u
-#define UPNP_LOG_DB 4u
-#define UPNP_LOG_HTTP 8u
-#define UPNP_LOG_CLIENT_DB 16u
-#define UPNP_LOG_EVENTING 32u
-#define UPNP_LOG_XML 64u
-#define UPNP_LOG_PLUGIN 128u
-#define UPNP_LOG_SCAN 256u
-#define UPNP_LOG_RMEDIA 512u
-#define UPNP_LOG_CONFLUX 1024u
-#define UPNP_LOG_CGI 2048u
-#define UPNP_LOG_PERF 4096u
-
-/* Levels. */
-#define UPNP_LOG_LEVEL_DEBUG 0
-#define UPNP_LOG_LEVEL_INFO 1
-#define UPNP_LOG_LEVEL_PROBLEM 2
-#define UPNP_LOG_LEVEL_ERROR 3
-#define UPNP_LOG_LEVEL_CRITICAL 4
+/* Categories (UPNP_LOG_*) and levels (UPNP_LOG_LEVEL_*) are in tarnwick/types.h. */
 
 typedef void (*upnp_log_critical_error_handler)(void);
 

@@ -238,6 +238,20 @@ TW_API char* upnp_get_logging_timestamp(char* out, size_t size) TW_NOEXCEPT;
 TW_API int64_t getSystemTime(void) TW_NOEXCEPT;
 /* ---- end of file system and time --------------------------------------------------------- */
 
+/* ---- Exit functions ---------------------------------------------------------------------- */
+/*
+ * The host's exit hook. The library ends itself through upnp_exit (for instance after a critical
+ * log message); a host that registers a function keeps control of its process.
+ */
+typedef void (*upnp_exit_function)(int32_t code);
+
+/* Stores fn (null removes it); the last registration wins. */
+TW_API void register_upnp_exit_function(upnp_exit_function fn) TW_NOEXCEPT;
+/* With a registered function: calls it with code and returns. Without one: ends the process
+ * through the C library's exit with code and does not return. */
+TW_API void upnp_exit(int32_t code) TW_NOEXCEPT;
+/* ---- end of exit functions --------------------------------------------------------------- */
+
 /* ---- Sockets and network interfaces ------------------------------------------------------ */
 /*
  * IPv4 only. Sockets are plain descriptors, -1 meaning none. Addresses cross this boundary as

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * Records shared by several subsystems. Every record here is allocated by the library through
- * the accounted allocator and released with the matching library call (or upnp_free_impl).
+ * Records and constants shared by several subsystems. Every record here is allocated by the
+ * library through the accounted allocator and released with the matching library call (or
+ * upnp_free_impl).
  */
 #ifndef TARNWICK_TYPES_H
 #define TARNWICK_TYPES_H
@@ -12,6 +13,28 @@
 #include "tarnwick/export.h"
 
 TW_EXTERN_C_BEGIN
+
+/* Log categories: single bits naming the subsystem that speaks (the log filter is in log.h). */
+#define UPNP_LOG_SYSTEM 1u
+#define UPNP_LOG_SSDP 2u
+#define UPNP_LOG_DB 4u
+#define UPNP_LOG_HTTP 8u
+#define UPNP_LOG_CLIENT_DB 16u
+#define UPNP_LOG_EVENTING 32u
+#define UPNP_LOG_XML 64u
+#define UPNP_LOG_PLUGIN 128u
+#define UPNP_LOG_SCAN 256u
+#define UPNP_LOG_RMEDIA 512u
+#define UPNP_LOG_CONFLUX 1024u
+#define UPNP_LOG_CGI 2048u
+#define UPNP_LOG_PERF 4096u
+
+/* Log levels. */
+#define UPNP_LOG_LEVEL_DEBUG 0
+#define UPNP_LOG_LEVEL_INFO 1
+#define UPNP_LOG_LEVEL_PROBLEM 2
+#define UPNP_LOG_LEVEL_ERROR 3
+#define UPNP_LOG_LEVEL_CRITICAL 4
 
 /*
  * Growable NUL-terminated byte string. A null pointer is the empty, not-yet-created string:

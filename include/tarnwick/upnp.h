@@ -10,6 +10,7 @@
 
 #include "tarnwick/clientdb.h"
 #include "tarnwick/config.h"
+#include "tarnwick/core.h"
 #include "tarnwick/export.h"
 #include "tarnwick/http.h"
 #include "tarnwick/log.h"

@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
+#include "base/status.h"
 #include "http/hooks.h"
 #include "http/registry.h"
-#include "platform/status.h"
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for body sending, chunked transfer and the TLS, DTCP and file-completed hooks.
+#include "base/status.h"
 #include "http/body_sender.h"
 #include "http/hooks.h"
-#include "platform/status.h"
 #include "tarnwick/http.h"
 
 extern "C" {

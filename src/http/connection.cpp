@@ -13,9 +13,9 @@
 #include "platform/socket.h"
 #include "platform/time_zone.h"
 #include "tarnwick/clientdb.h"
+#include "tarnwick/core.h"
 #include "tarnwick/log.h"
 #include "tarnwick/platform.h"
-#include "tarnwick/server.h"
 #include "tarnwick/util.h"
 
 namespace tw::http {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for the canned responses, their texts and the HTML escaper.
+#include "base/status.h"
 #include "http/error_pages.h"
-#include "platform/status.h"
 #include "tarnwick/http.h"
 
 extern "C" {

@@ -2,9 +2,9 @@
 // Entries for response header composition and the HTTP client's user agent.
 #include <cstdio>
 
+#include "base/status.h"
 #include "http/response_header.h"
 #include "http/user_agent.h"
-#include "platform/status.h"
 #include "tarnwick/http.h"
 
 extern "C" {

@@ -7,9 +7,9 @@
 #include <cstring>
 
 #include "platform/android_log.h"
-#include "tarnwick/media.h"
+#include "platform/file_handle.h"
+#include "platform/log_hook.h"
 #include "tarnwick/platform.h"
-#include "tarnwick/server.h"
 #include "tarnwick/util.h"
 
 namespace tw::log {
@@ -121,7 +121,7 @@ bool HasText(const upnp_string* s) noexcept {
 void CloseFile() noexcept {
   // exchange: Puts runs without the lock, so two closers must not both get the handle.
   upnp_file* old = g_state.file.exchange(nullptr);
-  if (old != nullptr) upnp_file_close(old);
+  if (old != nullptr) platform::ReleaseFile(old, true);
 }
 
 }  // namespace
@@ -205,12 +205,12 @@ bool Init(const char* path) noexcept {
   if (slash != nullptr) {
     *slash = '\0';
     // "/x.log" has nothing before its slash to create. Failures show up as a failed open below.
-    if (copy[0] != '\0') upnp_file_create_path(copy);
+    if (copy[0] != '\0') platform::CreatePath(copy);
   }
   upnp_free_impl(copy);
 
-  upnp_file* file = upnp_file_open_append(path);
-  if (file == nullptr) file = upnp_file_open_write(path);
+  upnp_file* file = platform::OpenFile(path, platform::OpenMode::kAppend);
+  if (file == nullptr) file = platform::OpenFile(path, platform::OpenMode::kWrite);
   if (file == nullptr) {
     std::printf("can't open log file (%s)\n", path);
     std::fprintf(stderr, "can't open log file (%s)\n", path);
@@ -236,7 +236,7 @@ void Clear() noexcept {
   CloseFile();
   upnp_file_unlink(g_state.file_name);
   // When the reopen fails the file stays null and lines go to standard output.
-  g_state.file.store(upnp_file_open_write(g_state.file_name));
+  g_state.file.store(platform::OpenFile(g_state.file_name, platform::OpenMode::kWrite));
 }
 
 void Flush() noexcept {
@@ -259,7 +259,7 @@ int Puts(const char* text) noexcept {
   const int32_t written = upnp_file_write(file, text, static_cast<uint32_t>(length));
   if (written < 0 || static_cast<std::size_t>(written) < length) {
     // From here on lines go to standard output, until init or clear opens the file again.
-    if (g_state.file.compare_exchange_strong(file, nullptr)) upnp_file_close(file);
+    if (g_state.file.compare_exchange_strong(file, nullptr)) platform::ReleaseFile(file, true);
     std::printf("can't write log file\n%s", text);
   }
   return written;
@@ -345,6 +345,24 @@ void SetCriticalHandler(upnp_log_critical_error_handler handler) noexcept {
 }
 
 void ShutdownOnCriticalError() noexcept { upnp_exit(0); }
+
+namespace {
+
+// The writer of the layers below the log: the same road as the upnp_log_*_impl entries.
+void WriteFromBelow(int level, uint32_t category, const char* format, va_list args) noexcept {
+  if (level == UPNP_LOG_LEVEL_CRITICAL) {
+    WriteCritical(category, format, args);
+  } else {
+    WriteFormatted(level, category, format, args);
+  }
+}
+
+// Installed while the library loads, so platform and util code can report from the host's
+// first call on.
+[[maybe_unused]] const platform::LogWriter g_writer_before_log =
+    platform::InstallLogWriter(&WriteFromBelow);
+
+}  // namespace
 
 SecondSink SetSecondSinkForTest(SecondSink sink) noexcept {
   return g_state.second_sink.exchange(sink != nullptr ? sink : &RealSecondSink);

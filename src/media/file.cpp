@@ -12,18 +12,6 @@ namespace {
 
 constexpr uint32_t kCopyBlock = 8192;
 
-void FreeParts(upnp_file* handle) {
-  upnp_file_part* part = handle->parts;
-  while (part != nullptr) {
-    upnp_file_part* next = part->next;
-    if (part->path != nullptr) upnp_free_impl(part->path);
-    upnp_free_impl(part);
-    part = next;
-  }
-  handle->parts = nullptr;
-  handle->current_part = nullptr;
-}
-
 // A regular file may still take a write in several pieces.
 bool WriteAll(upnp_file* out, const char* data, uint32_t count) {
   while (count > 0) {
@@ -36,52 +24,6 @@ bool WriteAll(upnp_file* out, const char* data, uint32_t count) {
 }
 
 }  // namespace
-
-upnp_file* OpenFile(const char* path, OpenMode mode) noexcept {
-  int32_t fd = -1;
-  if (path != nullptr) {
-    switch (mode) {
-      case OpenMode::kRead:
-        fd = open_read(path);
-        break;
-      case OpenMode::kWrite:
-        fd = open_write(path);
-        break;
-      case OpenMode::kAppend:
-        fd = open_append(path);
-        break;
-    }
-  }
-  if (fd < 0) {
-    if (mode == OpenMode::kWrite) {
-      upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_file_open_write file open write error \"%s\"",
-                         path != nullptr ? path : "(NULL)");
-    }
-    return nullptr;
-  }
-  auto* handle = static_cast<upnp_file*>(upnp_calloc_impl(1, sizeof(upnp_file)));
-  if (handle == nullptr) {
-    close_file(fd);
-    if (mode == OpenMode::kWrite) {
-      // The trailing blank belongs to the fixed text.
-      upnp_log_err_impl(UPNP_LOG_SYSTEM,
-                        "upnp_file_open_write Malloc fails on upnp_file_open_write ");
-    }
-    return nullptr;
-  }
-  handle->descriptor = fd;
-  if (mode != OpenMode::kWrite) {
-    upnp_stat st{};
-    if (upnp_file_stat(path, &st) == 0) handle->size = st.size;
-  }
-  return handle;
-}
-
-void ReleaseFile(upnp_file* handle, bool close_descriptor) noexcept {
-  if (close_descriptor && handle->descriptor != -1) close_file(handle->descriptor);
-  FreeParts(handle);
-  upnp_free_impl(handle);
-}
 
 bool AtEof(upnp_file* handle) noexcept {
   const int64_t pos = upnp_file_seek(handle, 0, UPNP_FILE_SEEK_CUR);

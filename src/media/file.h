@@ -10,13 +10,11 @@
 
 namespace tw::media {
 
-enum class OpenMode { kRead, kWrite, kAppend };
+// The handle's opening and release live with the handle in platform/file_handle.h.
+using platform::OpenFile;
+using platform::OpenMode;
+using platform::ReleaseFile;
 
-// A cleared handle from the accounted allocator; null when the open fails or memory is short.
-// kWrite logs both failures (a null path included).
-upnp_file* OpenFile(const char* path, OpenMode mode) noexcept;
-// Frees the part list and the handle; closes the descriptor only when close_descriptor.
-void ReleaseFile(upnp_file* handle, bool close_descriptor) noexcept;
 bool AtEof(upnp_file* handle) noexcept;
 // size >= 2.
 char* GetLine(char* buffer, int32_t size, upnp_file* handle) noexcept;

@@ -4,8 +4,8 @@
 #include <climits>
 #include <cstring>
 
+#include "base/status.h"
 #include "media/file.h"
-#include "platform/status.h"
 #include "tarnwick/media.h"
 
 namespace tw::media {

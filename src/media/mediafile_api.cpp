@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for media files (possibly stored as several part files).
+#include "base/status.h"
 #include "media/file.h"
-#include "platform/status.h"
 #include "tarnwick/media.h"
 
 extern "C" {

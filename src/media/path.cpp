@@ -11,19 +11,6 @@ namespace tw::media {
 
 namespace {
 
-bool HasDrivePrefix(std::string_view path) { return path.size() >= 2 && path[1] == ':'; }
-
-// stat, then mkdir when stat fails. A mkdir that fails because another thread made the directory in
-// the meantime still counts as success: the caller only wants the directory to be there.
-bool MakeIfMissing(const char* path) {
-  upnp_stat st{};
-  if (upnp_file_stat(path, &st) == 0) return true;
-  if (upnp_file_mkdir(path) == 0) return true;
-  if (upnp_file_stat(path, &st) == 0) return true;
-  upnp_log_err_impl(UPNP_LOG_SYSTEM, "upnp_file_create_path: error creating directory: %s", path);
-  return false;
-}
-
 void RemoveEntries(const char* dir) {
   for (upnp_find_handle* h = upnp_file_find_first_file(dir); h != nullptr;
        h = upnp_file_find_next_file(h)) {
@@ -105,24 +92,6 @@ bool SplitPath(std::string_view path, char** dir, char** name) noexcept {
   if (dir != nullptr) *dir = dir_out.release();
   if (name != nullptr) *name = name_out.release();
   return true;
-}
-
-int CreatePath(const char* path) noexcept {
-  CPtr copy(FullPath(path));
-  if (!copy) return -1;
-  char* text = copy.get();
-  const size_t len = std::strlen(text);
-  size_t start = 0;
-  if (HasDrivePrefix(text)) start = (len > 2 && text[2] == '/') ? 3 : 2;
-  // Each prefix ending before a '/' is one directory level; a leading '/' is the root.
-  for (size_t i = start + 1; i < len; ++i) {
-    if (text[i] != '/') continue;
-    text[i] = '\0';
-    const bool ok = MakeIfMissing(text);
-    text[i] = '/';
-    if (!ok) return -1;
-  }
-  return MakeIfMissing(text) ? 0 : -1;
 }
 
 bool Exists(const char* path) noexcept {

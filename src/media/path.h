@@ -16,8 +16,6 @@ char* BuildPath(std::string_view dir, std::string_view name) noexcept;
 // when memory ran short (nothing is handed out then).
 bool SplitPath(std::string_view path, char** dir, char** name) noexcept;
 
-// 0 or -1; a directory that cannot be made is logged.
-int CreatePath(const char* path) noexcept;
 bool Exists(const char* path) noexcept;
 bool IsRegularFile(const char* path) noexcept;
 

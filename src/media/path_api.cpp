@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for path texts and directory trees.
 #include "media/path.h"
+#include "platform/file_handle.h"
 #include "tarnwick/media.h"
 
 namespace {
@@ -30,13 +31,13 @@ TW_API void upnp_file_split_path(const char* path, char** dir, char** name) noex
 
 TW_API int upnp_file_create_path(const char* path) noexcept {
   if (Empty(path)) return -1;
-  return tw::media::CreatePath(path);
+  return tw::platform::CreatePath(path);
 }
 
 TW_API int upnp_file_ensure_path_exists(const char* path) noexcept {
   if (Empty(path)) return -1;
   if (tw::media::Exists(path)) return 0;
-  return tw::media::CreatePath(path);
+  return tw::platform::CreatePath(path);
 }
 
 TW_API int upnp_is_file(const char* path) noexcept {

@@ -2,8 +2,8 @@
 // Entries for the buffered binary and bit reader.
 #include <climits>
 
+#include "base/status.h"
 #include "media/reader.h"
-#include "platform/status.h"
 #include "tarnwick/media.h"
 
 namespace {

@@ -5,12 +5,10 @@
 
 #include <cstdio>
 
-#include "tarnwick/log.h"
+#include "platform/log_hook.h"
 #include "tarnwick/platform.h"
 
 namespace {
-
-constexpr unsigned kLogSystem = 1;
 
 // The owner is read by threads that do not hold the mutex (to detect re-entry), so every access
 // is atomic; a thread only ever finds its own id there if it stored it itself.
@@ -42,8 +40,9 @@ TW_API void EnterCriticalSection(CRITICAL_SECTION* cs) noexcept {
   const pthread_t self = pthread_self();
   if (LoadOwner(cs) == self) {
     ++cs->depth;
-    upnp_log_problem_impl(kLogSystem, "Thread entered critical section for the %d. time",
-                          static_cast<int>(cs->depth + 1));
+    tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                      "Thread entered critical section for the %d. time",
+                      static_cast<int>(cs->depth + 1));
     return;
   }
   pthread_mutex_lock(&cs->mutex);
@@ -58,7 +57,9 @@ TW_API void LeaveCriticalSection(CRITICAL_SECTION* cs) noexcept {
     --cs->depth;
     return;
   }
-  if (owner != self) upnp_log_problem_impl(kLogSystem, "Thread leaves critical section not owning");
+  if (owner != self)
+    tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                      "Thread leaves critical section not owning");
   StoreOwner(cs, 0);
   pthread_mutex_unlock(&cs->mutex);
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The file handle shared by the raw file wrappers (platform/) and the file layer (media/).
-// Allocated cleared from the accounted allocator and freed by upnp_file_close.
+// The file handle shared by the raw file wrappers (platform/), the log's file and the file layer
+// (media/): its record, its opening and release, and the directory creation the log and the
+// configuration need before they open a file. Allocated cleared from the accounted allocator and
+// freed by upnp_file_close.
 #pragma once
 
 #include <cstdint>
@@ -22,3 +24,19 @@ struct upnp_file {
   upnp_file_part* parts;
   upnp_file_part* current_part;
 };
+
+namespace tw::platform {
+
+enum class OpenMode { kRead, kWrite, kAppend };
+
+// A cleared handle from the accounted allocator; null when the open fails or memory is short.
+// kWrite logs both failures (a null path included).
+upnp_file* OpenFile(const char* path, OpenMode mode) noexcept;
+// Frees the part list and the handle; closes the descriptor only when close_descriptor.
+void ReleaseFile(upnp_file* handle, bool close_descriptor) noexcept;
+
+// Creates every missing directory along path ("/" or "\\" separators, an optional "x:" drive
+// prefix): 0, or -1 when memory is short or a directory cannot be made, which is logged.
+int CreatePath(const char* path) noexcept;
+
+}  // namespace tw::platform

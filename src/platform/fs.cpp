@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/status.h"
 #include "platform/file_handle.h"
 #include "platform/fs_internal.h"
-#include "platform/status.h"
 #include "tarnwick/platform.h"
 
 // The 64-bit variants keep sizes, offsets and inode numbers beyond 32 bits right on 32-bit ARM,

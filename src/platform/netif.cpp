@@ -12,9 +12,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tarnwick/log.h"
+#include "base/ascii.h"
+#include "platform/log_hook.h"
 #include "tarnwick/platform.h"
-#include "tarnwick/util.h"
 
 namespace {
 
@@ -57,14 +57,14 @@ int32_t TotalRecords(int request_socket) noexcept {
 // A socket for a request about one interface; -1 (logged) for an unusable name or no socket.
 int InitIfreq(const char* name, ifreq* request) noexcept {
   if (name == nullptr || std::strlen(name) >= IFNAMSIZ) {
-    upnp_log_err_impl(UPNP_LOG_SYSTEM, "init_ifreq illegal interface name: %s",
-                      name != nullptr ? name : "<null>");
+    tw::platform::Log(UPNP_LOG_LEVEL_ERROR, UPNP_LOG_SYSTEM,
+                      "init_ifreq illegal interface name: %s", name != nullptr ? name : "<null>");
     return -1;
   }
   const int request_socket = OpenRequestSocket();
   if (request_socket < 0) {
     std::perror("socket");
-    upnp_log_err_impl(UPNP_LOG_SYSTEM, "init_ifreq: could not create socket");
+    tw::platform::Log(UPNP_LOG_LEVEL_ERROR, UPNP_LOG_SYSTEM, "init_ifreq: could not create socket");
     return -1;
   }
   *request = ifreq{};
@@ -88,7 +88,7 @@ TW_API int32_t get_interface_addresses(void* buffer, int32_t size) noexcept {
   conf.ifc_buf = static_cast<char*>(buffer);
   if (ioctl(request_socket, SIOCGIFCONF, &conf) != 0) {
     std::perror("ioctl(GetIfConf)");
-    upnp_log_err_impl(UPNP_LOG_SYSTEM,
+    tw::platform::Log(UPNP_LOG_LEVEL_ERROR, UPNP_LOG_SYSTEM,
                       "get_interface_addresses Could not get interface configuration");
     close(request_socket);
     return kFail;
@@ -101,10 +101,10 @@ TW_API int32_t get_interface_addresses(void* buffer, int32_t size) noexcept {
   }
   if (reported > requested) {
     // The level tag and channel inside the text are part of the established message.
-    upnp_log_problem_impl(UPNP_LOG_SYSTEM,
-                          "[Problem] - LOG_SYSTEM:get_interface_addresses System returned %d "
-                          "interfaces,but we requested only %d",
-                          static_cast<int>(reported), static_cast<int>(requested));
+    tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                      "[Problem] - LOG_SYSTEM:get_interface_addresses System returned %d "
+                      "interfaces,but we requested only %d",
+                      static_cast<int>(reported), static_cast<int>(requested));
     reported = requested;
   }
   unsigned char* records = static_cast<unsigned char*>(buffer);
@@ -138,9 +138,9 @@ TW_API int32_t upnp_get_interfaces(int32_t* count_out, char (*table)[UPNP_ADDRES
               ? kFail
               : get_interface_addresses(records, static_cast<int32_t>(slots * kRecordSize));
       if (found < 0) {
-        upnp_log_critical_impl(UPNP_LOG_SYSTEM,
-                               "upnp_get_interfaces Error in get_interface_addresses() "
-                               "function.\nPlease use -ip param!");
+        tw::platform::Log(UPNP_LOG_LEVEL_CRITICAL, UPNP_LOG_SYSTEM,
+                          "upnp_get_interfaces Error in get_interface_addresses() "
+                          "function.\nPlease use -ip param!");
       }
       for (int32_t i = 0; i < found && count < max; ++i) {
         const ifreq record = ReadRecord(records, i);
@@ -150,13 +150,13 @@ TW_API int32_t upnp_get_interfaces(int32_t* count_out, char (*table)[UPNP_ADDRES
         std::snprintf(text, sizeof(text), "%d.%d.%d.%d", address[0], address[1], address[2],
                       address[3]);
         if ((record.ifr_flags & IFF_UP) != 0) {
-          upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_get_interfaces get_interface_addresses %s",
-                             text);
+          tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM,
+                            "upnp_get_interfaces get_interface_addresses %s", text);
           std::memcpy(table[count], text, sizeof(text));
           ++count;
         } else {
-          upnp_log_info_impl(UPNP_LOG_SYSTEM,
-                             "upnp_get_interfaces get_interface_addresses - DOWN %s", text);
+          tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM,
+                            "upnp_get_interfaces get_interface_addresses - DOWN %s", text);
         }
       }
       if (records != nullptr) upnp_free_impl(records);
@@ -189,8 +189,8 @@ TW_API char* get_mac_address(const char* interface_name, char* out, int32_t size
   close(request_socket);
   if (result != 0) {
     std::perror("ioctl(GetHwAddr)");
-    upnp_log_err_impl(UPNP_LOG_SYSTEM, "get_mac_address Could not get MAC address of interface %s",
-                      interface_name);
+    tw::platform::Log(UPNP_LOG_LEVEL_ERROR, UPNP_LOG_SYSTEM,
+                      "get_mac_address Could not get MAC address of interface %s", interface_name);
     return nullptr;
   }
   const auto* mac = reinterpret_cast<const unsigned char*>(request.ifr_hwaddr.sa_data);
@@ -211,7 +211,11 @@ TW_API void upnp_get_mac(uint8_t* out) noexcept {
     char text[sizeof(kNoMac)];
     if (get_mac_address(record.ifr_name, text, sizeof(text)) == nullptr) continue;
     if (std::strcmp(text, kNoMac) == 0) continue;  // loopback and other address-less links
-    for (int k = 0; k < 6; ++k) out[k] = static_cast<uint8_t>(upnp_hexToi(text + 3 * k));
+    // get_mac_address writes exactly two hex digits per byte.
+    for (int k = 0; k < 6; ++k) {
+      out[k] = static_cast<uint8_t>(tw::ascii::HexDigitValue(text[3 * k]) << 4 |
+                                    tw::ascii::HexDigitValue(text[3 * k + 1]));
+    }
     return;
   }
 }

@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/log_hook.h"
 #include "platform/process_internal.h"
-#include "tarnwick/log.h"
 #include "tarnwick/platform.h"
 
 namespace tw::platform {
@@ -145,9 +145,10 @@ int RunAndWait(const char* program, const char* params, upnp_process_callback ca
   argv[0] = const_cast<char*>(kNicePath);
   argv[1] = const_cast<char*>(program);
   SplitParams(copy, argv, 2, kArgSlots);
-  upnp_log_info_impl(UPNP_LOG_SYSTEM, "system_call_waiting strProg %s", program);
-  upnp_log_info_impl(UPNP_LOG_SYSTEM, "system_call_waiting strParam %s",
-                     params != nullptr ? params : "");
+  tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM, "system_call_waiting strProg %s",
+                    program);
+  tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM, "system_call_waiting strParam %s",
+                    params != nullptr ? params : "");
 
   const pid_t pid = fork();
   if (pid < 0) {
@@ -159,7 +160,8 @@ int RunAndWait(const char* program, const char* params, upnp_process_callback ca
   // the program runs directly with the same arguments.
   if (pid == 0) ExecChild(kNicePath, argv, program, argv + 1);
 
-  upnp_log_info_impl(UPNP_LOG_SYSTEM, "system_call_waiting waitpid %d...", static_cast<int>(pid));
+  tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM, "system_call_waiting waitpid %d...",
+                    static_cast<int>(pid));
   int result = 0;
   int status = 0;
   if (callback == nullptr) {
@@ -187,7 +189,8 @@ int RunAndWait(const char* program, const char* params, upnp_process_callback ca
       usleep(kPollPauseUs);
     }
   }
-  upnp_log_info_impl(UPNP_LOG_SYSTEM, "system_call_waiting waitpid %d done", static_cast<int>(pid));
+  tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM, "system_call_waiting waitpid %d done",
+                    static_cast<int>(pid));
   if (copy != nullptr) upnp_free_impl(copy);
   return result;
 }

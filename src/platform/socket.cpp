@@ -15,7 +15,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "tarnwick/log.h"
+#include "platform/log_hook.h"
 #include "tarnwick/platform.h"
 
 namespace tw::platform {
@@ -138,7 +138,8 @@ TW_API int32_t upnp_socket_accept(int32_t socket) noexcept {
 TW_API int32_t upnp_create_listen_socket(const char* interface_address) noexcept {
   const int32_t listener = upnp_socket_create_udp();
   if (listener < 0) {
-    upnp_log_info_impl(UPNP_LOG_SSDP, "LOG_SOCK:### upnp_socket_create_udp failed");
+    tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SSDP,
+                      "LOG_SOCK:### upnp_socket_create_udp failed");
     return kFail;
   }
   setSockOptNoSignal(listener);
@@ -146,11 +147,12 @@ TW_API int32_t upnp_create_listen_socket(const char* interface_address) noexcept
   // On the two failures below the socket is intentionally left open: callers only ever see -1
   // and the listener is retried on the next start, so nothing else would close it either.
   if (upnp_socket_bind(listener, kSsdpGroup, kSsdpPort) < 0) {
-    upnp_log_info_impl(UPNP_LOG_SSDP, "LOG_SOCK:### upnp_socket_bind failed");
+    tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SSDP, "LOG_SOCK:### upnp_socket_bind failed");
     return kFail;
   }
   if (upnp_socket_setSockOptAddMembership(listener, kSsdpGroup, interface_address) < 0) {
-    upnp_log_info_impl(UPNP_LOG_SSDP, "LOG_SOCK:### setSockOptAddMembership failed");
+    tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SSDP,
+                      "LOG_SOCK:### setSockOptAddMembership failed");
     return kFail;
   }
   return listener;
@@ -274,8 +276,9 @@ TW_API int32_t setSockOptMulticast(int32_t socket, int32_t ttl,
       setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &outgoing, sizeof(outgoing)) != 0) {
     // Not fatal: user-mode emulators refuse this option, and with a route for the group the
     // kernel still picks a usable source address.
-    upnp_log_info_impl(UPNP_LOG_SSDP, "setSockOptMulticast cannot use interface %s: %s",
-                       OrNull(interface_address), getLastSocketError());
+    tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SSDP,
+                      "setSockOptMulticast cannot use interface %s: %s", OrNull(interface_address),
+                      getLastSocketError());
   }
   const unsigned char ttl_byte = static_cast<unsigned char>(ttl);
   return setsockopt(socket, IPPROTO_IP, IP_MULTICAST_TTL, &ttl_byte, sizeof(ttl_byte));
@@ -283,8 +286,9 @@ TW_API int32_t setSockOptMulticast(int32_t socket, int32_t ttl,
 
 TW_API int32_t upnp_socket_setSockOptAddMembership(int32_t socket, const char* group,
                                                    const char* interface_address) noexcept {
-  upnp_log_info_impl(UPNP_LOG_SSDP, "### joining SSDP multicast group %s on if %s ", OrNull(group),
-                     OrNull(interface_address));
+  tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SSDP,
+                    "### joining SSDP multicast group %s on if %s ", OrNull(group),
+                    OrNull(interface_address));
   ip_mreq request{};
   if (!tw::platform::ParseIpv4(group, &request.imr_multiaddr.s_addr) ||
       !tw::platform::ParseIpv4(interface_address, &request.imr_interface.s_addr)) {
@@ -343,9 +347,9 @@ TW_API int32_t upnp_gethostbyname(const char* name, char* out) noexcept {
   }
   if (!resolved) {
     std::snprintf(out, UPNP_ADDRESS_TEXT_SIZE, "%s", kLoopback);
-    upnp_log_problem_impl(UPNP_LOG_SYSTEM,
-                          "upnp_gethostbyname cannot get IP of %s, return local IP ",
-                          name != nullptr ? name : "");
+    tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                      "upnp_gethostbyname cannot get IP of %s, return local IP ",
+                      name != nullptr ? name : "");
     return kFail;
   }
   FormatAddress(found, out);

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/log_hook.h"
 #include "platform/thread_internal.h"
-#include "tarnwick/log.h"
 #include "tarnwick/platform.h"
 
 namespace tw::platform {
@@ -68,13 +68,13 @@ pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level)
     return thread;
   }
   if (rc == EAGAIN) {
-    upnp_log_problem_impl(UPNP_LOG_SYSTEM,
-                          "upnp_start_joinable_thread Not enough resources to start thread - "
-                          "retrying");
+    tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                      "upnp_start_joinable_thread Not enough resources to start thread - "
+                      "retrying");
     Sleep(kRetryPauseMs);
     rc = CreateThread(&thread, &attr, routine, arg);
     if (rc == EAGAIN) {
-      upnp_log_err_impl(UPNP_LOG_SYSTEM,
+      tw::platform::Log(UPNP_LOG_LEVEL_ERROR, UPNP_LOG_SYSTEM,
                         "upnp_start_joinable_thread Second try to start thread failed - giving up");
       pthread_attr_destroy(&attr);
       return 0;
@@ -82,14 +82,14 @@ pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level)
   }
   // Reached after any other first failure and after a second try that did not end in EAGAIN,
   // successful ones included: the routine then runs twice. Intended; callers rely on this flow.
-  upnp_log_problem_impl(UPNP_LOG_SYSTEM,
-                        "upnp_start_joinable_thread Failed to start thread with requested "
-                        "priority and scheduler - trying default");
+  tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                    "upnp_start_joinable_thread Failed to start thread with requested "
+                    "priority and scheduler - trying default");
   thread = 0;
   if (CreateThread(&thread, nullptr, routine, arg) != 0) {
-    upnp_log_problem_impl(UPNP_LOG_SYSTEM,
-                          "upnp_start_joinable_thread Failed to start thread with defaults - "
-                          "giving up");
+    tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
+                      "upnp_start_joinable_thread Failed to start thread with defaults - "
+                      "giving up");
     thread = 0;
   }
   pthread_attr_destroy(&attr);

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/log_hook.h"
 #include "platform/time_internal.h"
-#include "tarnwick/log.h"
 #include "tarnwick/platform.h"
 
 extern "C" {
@@ -114,9 +114,9 @@ int32_t TimeZoneOffset() {
   // Only the thread that stores the value reports it; a concurrent first use computes the same.
   if (__atomic_compare_exchange_n(&g_timeZoneOffsetInSeconds, &expected, learned, false,
                                   __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-    upnp_log_info_impl(UPNP_LOG_SYSTEM,
-                       "upnp_convert_date_time_string_to_numeric: Timezone offset is %d:%02d",
-                       static_cast<int>(learned / 3600), std::abs(learned % 3600) / 60);
+    tw::platform::Log(UPNP_LOG_LEVEL_INFO, UPNP_LOG_SYSTEM,
+                      "upnp_convert_date_time_string_to_numeric: Timezone offset is %d:%02d",
+                      static_cast<int>(learned / 3600), std::abs(learned % 3600) / 60);
   }
   return learned;
 }

@@ -23,8 +23,9 @@ std::atomic<int32_t> g_in_restart{0};
 std::atomic<int64_t> g_last_check{0};
 std::atomic<int32_t> g_restart_pause_ms{kRestartPauseMs};
 
-bool AllServedAddressesPresent(const char (*found)[kAddressSize], int32_t found_count) noexcept {
-  const int32_t count = InterfaceCount();
+bool AllServedAddressesPresent(const char (*found)[core::kAddressSize],
+                               int32_t found_count) noexcept {
+  const int32_t count = core::InterfaceCount();
   for (int32_t index = 0; index < count; ++index) {
     upnp_log_info_impl(UPNP_LOG_SYSTEM, "check_NIC_change IP verify: %s", g_IPaddress[index]);
     bool present = false;
@@ -42,12 +43,12 @@ void Restart() noexcept {
   g_nic_change_requested.store(0);
   // Null state words: the host's word stays 1 throughout, and stop keeps the global lock.
   Stop(nullptr);
-  const DtcpCallbacks dtcp = Dtcp();
+  const core::DtcpCallbacks dtcp = core::Dtcp();
   if (dtcp.nic_change != nullptr) dtcp.nic_change();
   Sleep(g_restart_pause_ms.load());
   Start(nullptr);
   g_in_restart.store(0);
-  const upnp_cp_callback_fn callback = ControlPointCallback();
+  const upnp_cp_callback_fn callback = core::ControlPointCallback();
   if (callback != nullptr) callback();
 }
 
@@ -61,15 +62,15 @@ void CheckNicChange(int64_t now) noexcept {
   g_nic_change_requested.store(0);
   g_last_check.store(now);
 
-  char found[kMaxInterfaces][kAddressSize] = {};
+  char found[core::kMaxInterfaces][core::kAddressSize] = {};
   int32_t found_count = EnumerateInterfaces(found);
   // Start serves the loopback address when nothing is found; compare with what it would serve,
   // or a machine without interfaces would restart on every check.
   if (found_count == 0) {
-    std::snprintf(found[0], sizeof(found[0]), "%s", kLoopbackAddress);
+    std::snprintf(found[0], sizeof(found[0]), "%s", core::kLoopbackAddress);
     found_count = 1;
   }
-  const int32_t count = InterfaceCount();
+  const int32_t count = core::InterfaceCount();
   upnp_log_info_impl(UPNP_LOG_SYSTEM, "check_NIC_change IP count: %d / %d",
                      static_cast<int>(found_count), static_cast<int>(count));
   if (found_count == count && AllServedAddressesPresent(found, found_count)) return;
@@ -88,10 +89,10 @@ void ResetForTesting() noexcept {
   g_nic_change_requested.store(0);
   g_in_restart.store(0);
   g_last_check.store(0);
-  SetDtcp(DtcpCallbacks{});
-  SetWmdrm(WmdrmCallbacks{});
-  SetControlPointCallback(nullptr);
-  SetRemotePort(0);
+  core::SetDtcp(core::DtcpCallbacks{});
+  core::SetWmdrm(core::WmdrmCallbacks{});
+  core::SetControlPointCallback(nullptr);
+  core::SetRemotePort(0);
 }
 
 }  // namespace tw::server

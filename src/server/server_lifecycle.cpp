@@ -93,21 +93,21 @@ bool SubnetServedBefore(int32_t index) noexcept {
 }
 
 void StartRemoteServer(int32_t index, const upnp_server_data& local) noexcept {
-  upnp_server_data* remote = RemoteRecord(index);
-  const int32_t remote_port = RemotePort();
+  upnp_server_data* remote = core::RemoteRecord(index);
+  const int32_t remote_port = core::RemotePort();
   if (remote_port == 0) {
     upnp_close_socket(&remote->http_socket);
     return;
   }
   upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_start remote access port %d",
                      static_cast<int>(remote_port));
-  ResetRecord(remote, local.ip_address, 1, upnp_ini_file_getBoolean(UPNP_INI_KEY_ENABLETLS));
+  core::ResetRecord(remote, local.ip_address, 1, upnp_ini_file_getBoolean(UPNP_INI_KEY_ENABLETLS));
   __atomic_store_n(&remote->stop_generation,
                    __atomic_load_n(&local.stop_generation, __ATOMIC_ACQUIRE), __ATOMIC_RELEASE);
   int32_t socket = -1;
   int32_t port = remote_port;
   HTTP_create_server_socket(&socket, &port, remote->ip_address);
-  SetPort(remote, port);
+  core::SetPort(remote, port);
   __atomic_store_n(&remote->http_socket, socket, __ATOMIC_RELEASE);
   if (socket == -1) return;
   // The local record's port is logged here, not the remote one; kept as it always was.
@@ -120,15 +120,15 @@ void StartRemoteServer(int32_t index, const upnp_server_data& local) noexcept {
 void StartInterface(int32_t index, int32_t count) noexcept {
   const char* address = g_IPaddress[index];
   upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_start IP init: %s", address);
-  upnp_server_data* record = LocalRecord(index);
-  ResetRecord(record, address, 0, 0);
-  SetRecordInUse(index, true);
+  upnp_server_data* record = core::LocalRecord(index);
+  core::ResetRecord(record, address, 0, 0);
+  core::SetRecordInUse(index, true);
   upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_start server interface %s", address);
 
   int32_t socket = -1;
   int32_t port = upnp_ini_file_getInt(UPNP_INI_KEY_HTTPPORT);
   HTTP_create_server_socket(&socket, &port, record->ip_address);
-  SetPort(record, port);
+  core::SetPort(record, port);
   __atomic_store_n(&record->http_socket, socket, __ATOMIC_RELEASE);
   if (socket != -1) {
     upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_start HTTP Server starting at %s:%d", address,
@@ -141,7 +141,7 @@ void StartInterface(int32_t index, int32_t count) noexcept {
 
   StartRemoteServer(index, *record);
 
-  const bool loopback = std::strcmp(address, kLoopbackAddress) == 0;
+  const bool loopback = std::strcmp(address, core::kLoopbackAddress) == 0;
   const bool others = count > 1;
   const bool quiet_loopback =
       loopback && others && upnp_ini_file_getInt(UPNP_INI_KEY_DISABLELOCALSSDP) != 0;
@@ -161,21 +161,21 @@ void CloseRecord(upnp_server_data* record) noexcept {
 
 }  // namespace
 
-int32_t EnumerateInterfaces(char (*table)[kAddressSize]) noexcept {
+int32_t EnumerateInterfaces(char (*table)[core::kAddressSize]) noexcept {
   const char* selection = upnp_ini_file_getString(UPNP_INI_KEY_IP);
   const InterfaceSource source = g_interface_source.load();
   int32_t count = 0;
   if (source != nullptr) {
-    count = source(table, kMaxInterfaces, selection);
+    count = source(table, core::kMaxInterfaces, selection);
   } else {
-    upnp_get_interfaces(&count, table, kMaxInterfaces, selection);
+    upnp_get_interfaces(&count, table, core::kMaxInterfaces, selection);
   }
   if (count < 0) count = 0;
-  return count > kMaxInterfaces ? kMaxInterfaces : count;
+  return count > core::kMaxInterfaces ? core::kMaxInterfaces : count;
 }
 
 void Start(int32_t* state) noexcept {
-  if (state != nullptr && LoadState(state) == kRunning) {
+  if (state != nullptr && LoadState(state) == core::kRunning) {
     // A control point started the servers before; only a renderer still needs its heartbeat.
     if (InRestart() || upnp_ssdp_getRenderer() == 0) return;
     upnp_log_info_impl(UPNP_LOG_SYSTEM,
@@ -184,19 +184,19 @@ void Start(int32_t* state) noexcept {
     StartHeartbeatLate();
     return;
   }
-  CreateGlobalLock();
+  core::CreateGlobalLock();
   SSDP_init();
-  if (state != nullptr) StoreState(state, kRunning);
-  const DtcpCallbacks dtcp = Dtcp();
+  if (state != nullptr) StoreState(state, core::kRunning);
+  const core::DtcpCallbacks dtcp = core::Dtcp();
   if (dtcp.init_source != nullptr) dtcp.init_source();
 
-  char table[kMaxInterfaces][kAddressSize] = {};
+  char table[core::kMaxInterfaces][core::kAddressSize] = {};
   int32_t count = EnumerateInterfaces(table);
   if (count == 0) {
-    std::snprintf(table[0], sizeof(table[0]), "%s", kLoopbackAddress);
+    std::snprintf(table[0], sizeof(table[0]), "%s", core::kLoopbackAddress);
     count = 1;
   }
-  PublishInterfaces(table, count);
+  core::PublishInterfaces(table, count);
 
   for (int32_t index = 0; index < count; ++index) {
     if (dtcp.start_listen != nullptr) dtcp.start_listen(g_IPaddress[index], index);
@@ -206,35 +206,36 @@ void Start(int32_t* state) noexcept {
           UPNP_LOG_SYSTEM,
           "upnp_server_start IP skipping, because same subnet as already used IP: %s",
           g_IPaddress[index]);
-      SetRecordInUse(index, false);
+      core::SetRecordInUse(index, false);
       continue;
     }
     StartInterface(index, count);
   }
-  for (int32_t index = count; index < kMaxInterfaces; ++index) SetRecordInUse(index, false);
+  for (int32_t index = count; index < core::kMaxInterfaces; ++index)
+    core::SetRecordInUse(index, false);
 
   if (SearchingRoleEnabled()) SearchAll();
-  const upnp_server_data* first = LocalRecord(0);
-  SetServerAddressText(first->ip_address, first->http_port);
+  const upnp_server_data* first = core::LocalRecord(0);
+  core::SetServerAddressText(first->ip_address, first->http_port);
 }
 
 void Stop(int32_t* state) noexcept {
   if (state != nullptr) {
     const int32_t current = LoadState(state);
-    if (current == kStopped || current == kStopping) return;
-    StoreState(state, kStopping);
+    if (current == core::kStopped || current == core::kStopping) return;
+    StoreState(state, core::kStopping);
   }
   // A restart keeps the lock, so host threads waiting in it are not turned away.
-  if (!InRestart()) DestroyGlobalLock();
+  if (!InRestart()) core::DestroyGlobalLock();
   Sleep(g_stop_pause_ms.load());
 
-  const int32_t count = InterfaceCount();
+  const int32_t count = core::InterfaceCount();
   for (int32_t index = 0; index < count; ++index) {
-    upnp_server_data* record = LocalRecord(index);
+    upnp_server_data* record = core::LocalRecord(index);
     upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_stop Server stopping at %s",
                        record->ip_address);
     CloseRecord(record);
-    upnp_server_data* remote = RemoteRecord(index);
+    upnp_server_data* remote = core::RemoteRecord(index);
     upnp_close_socket(&remote->http_socket);
     __atomic_add_fetch(&record->stop_generation, 1, __ATOMIC_ACQ_REL);
     __atomic_add_fetch(&remote->stop_generation, 1, __ATOMIC_ACQ_REL);
@@ -246,25 +247,26 @@ void Stop(int32_t* state) noexcept {
     Sleep(kAcceptLoopPollMs);
   }
   upnp_log_info_impl(UPNP_LOG_SYSTEM, "upnp_server_stop Server terminated");
-  const DtcpCallbacks dtcp = Dtcp();
+  const core::DtcpCallbacks dtcp = core::Dtcp();
   if (dtcp.exit_source != nullptr) dtcp.exit_source();
   SSDP_exit();
-  if (state != nullptr) StoreState(state, kStopped);
+  if (state != nullptr) StoreState(state, core::kStopped);
 }
 
 void StartHeartbeatLate() noexcept {
   if (upnp_ssdp_heartbeat_active() != 0) return;
-  const int32_t count = InterfaceCount();
+  const int32_t count = core::InterfaceCount();
   for (int32_t index = 0; index < count; ++index) {
-    if (RecordInUse(index)) StartCoreThread(HeartbeatThread, LocalRecord(index), kHeartbeatLevel);
+    if (core::RecordInUse(index))
+      StartCoreThread(HeartbeatThread, core::LocalRecord(index), kHeartbeatLevel);
   }
 }
 
 void SearchAll() noexcept {
   // Only records that were started: a skipped entry's record has no address of this run.
-  const int32_t count = InterfaceCount();
+  const int32_t count = core::InterfaceCount();
   for (int32_t index = 0; index < count; ++index) {
-    if (RecordInUse(index)) SSDP_m_search(LocalRecord(index));
+    if (core::RecordInUse(index)) SSDP_m_search(core::LocalRecord(index));
   }
 }
 

@@ -8,9 +8,9 @@
 #include <string_view>
 
 #include "ssdp/ssdp_internal.h"
+#include "tarnwick/core.h"
 #include "tarnwick/log.h"
 #include "tarnwick/platform.h"
-#include "tarnwick/server.h"
 
 namespace tw::ssdp {
 namespace {

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "ssdp/ssdp_internal.h"
+#include "tarnwick/core.h"
 #include "tarnwick/platform.h"
-#include "tarnwick/server.h"
 
 namespace tw::ssdp {
 namespace {

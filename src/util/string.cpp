@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tarnwick/log.h"
+#include "platform/log_hook.h"
 #include "tarnwick/platform.h"
 #include "util/char_class.h"
 #include "util/encoding.h"
@@ -63,7 +63,8 @@ thread_local bool t_reporting_oom = false;
 void ReportOutOfMemory(const char* format) noexcept {
   if (t_reporting_oom) return;
   t_reporting_oom = true;
-  upnp_log_err_impl(UPNP_LOG_SYSTEM, "upnp_string_vsprintf - out of memory %s", format);
+  tw::platform::Log(UPNP_LOG_LEVEL_ERROR, UPNP_LOG_SYSTEM,
+                    "upnp_string_vsprintf - out of memory %s", format);
   t_reporting_oom = false;
 }
 

@@ -33,8 +33,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using tw::server::LocalRecord;
-using tw::server::RemoteRecord;
+using tw::core::LocalRecord;
+using tw::core::RemoteRecord;
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
   const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -11,9 +11,9 @@
 #include <mutex>
 #include <thread>
 
+#include "core/udn.h"
 #include "platform/socket.h"
 #include "platform/test_hooks.h"
-#include "server/udn.h"
 #include "ssdp/ssdp_internal.h"
 #include "support/ssdp_probe.h"
 #include "support/test_support.h"
@@ -137,7 +137,7 @@ class SsdpTest : public LeakCheck {
     ssdp::ResetRequestsForTesting();
     ssdp::ClearHandlersForTesting();
     ssdp::SetTickForTesting(0);
-    server::ResetDeviceUdnsForTesting();
+    core::ResetDeviceUdnsForTesting();
     strIFblacklist[0] = '\0';
     __atomic_store_n(&g_nInstance, 0, __ATOMIC_RELAXED);
     address_ = ProcessLoopbackAddress();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Which served interface a peer's address belongs to, and the peer MAC lookup.
-#include "server/network_match.h"
+#include "core/network_match.h"
 
 #include <gtest/gtest.h>
 
@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "core/core.h"
 #include "platform/test_hooks.h"
-#include "server/server_core.h"
 #include "support/test_support.h"
-#include "tarnwick/server.h"
+#include "tarnwick/core.h"
 
 namespace {
 
@@ -24,14 +24,14 @@ class NetworkMatch : public tw::test::LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
-    saved_count_ = tw::server::InterfaceCount();
+    saved_count_ = tw::core::InterfaceCount();
   }
   void TearDown() override {
     char table[5][17] = {};
     for (int i = 0; i < 5; ++i) std::memcpy(table[i], g_IPaddress[i], 17);
-    tw::server::PublishInterfaces(table, saved_count_);
-    tw::server::SetArpSourceForTesting(nullptr);
-    tw::server::SetMacRetryPauseForTesting(-1);
+    tw::core::PublishInterfaces(table, saved_count_);
+    tw::core::SetArpSourceForTesting(nullptr);
+    tw::core::SetMacRetryPauseForTesting(-1);
     LeakCheck::TearDown();
   }
   static void Serve(const std::vector<std::pair<std::string, int>>& served) {
@@ -39,12 +39,12 @@ class NetworkMatch : public tw::test::LeakCheck {
     int32_t count = 0;
     for (const auto& [address, port] : served) {
       std::snprintf(table[count], 17, "%s", address.c_str());
-      upnp_server_data* record = tw::server::LocalRecord(count);
+      upnp_server_data* record = tw::core::LocalRecord(count);
       std::snprintf(record->ip_address, sizeof(record->ip_address), "%s", address.c_str());
       record->http_port = port;
       ++count;
     }
-    tw::server::PublishInterfaces(table, count);
+    tw::core::PublishInterfaces(table, count);
   }
   int32_t saved_count_ = 0;
 };
@@ -147,8 +147,8 @@ bool PlannedArp(const char*, int32_t index, uint8_t mac[6]) {
 
 TEST_F(NetworkMatch, MacLookupRetriesUntilAnEntryAppears) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();  // the resolve datagram between attempts needs a socket
-  tw::server::SetMacRetryPauseForTesting(1);
-  tw::server::SetArpSourceForTesting(&PlannedArp);
+  tw::core::SetMacRetryPauseForTesting(1);
+  tw::core::SetArpSourceForTesting(&PlannedArp);
   g_plan = ArpPlan{};
   g_plan.answer_on_call = 16 + 5;  // second attempt, interface index 5
   const uint8_t mac[6] = {0x0a, 0x1b, 0x2c, 0xd3, 0xe4, 0xff};

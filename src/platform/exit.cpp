@@ -4,24 +4,24 @@
 #include <atomic>
 #include <cstdlib>
 
-#include "tarnwick/server.h"
+#include "tarnwick/platform.h"
 
-namespace tw::server {
+namespace tw::platform {
 namespace {
 
 std::atomic<upnp_exit_function> g_exit_function{nullptr};
 
 }  // namespace
-}  // namespace tw::server
+}  // namespace tw::platform
 
 extern "C" {
 
 TW_API void register_upnp_exit_function(upnp_exit_function fn) noexcept {
-  tw::server::g_exit_function.store(fn, std::memory_order_release);
+  tw::platform::g_exit_function.store(fn, std::memory_order_release);
 }
 
 TW_API void upnp_exit(int32_t code) noexcept {
-  const upnp_exit_function fn = tw::server::g_exit_function.load(std::memory_order_acquire);
+  const upnp_exit_function fn = tw::platform::g_exit_function.load(std::memory_order_acquire);
   if (fn != nullptr) {
     fn(code);  // the host decides what ending means; control comes back to the caller
     return;

@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "tarnwick/server.h"
+#include "tarnwick/core.h"
 
-namespace tw::server {
+namespace tw::core {
 
 inline constexpr size_t kResourceCacheEntries = 100;
 
@@ -18,4 +18,4 @@ void SetResourceGetter(upnp_resource_get_function getter) noexcept;
 // "<base_dir>/resources/<name>", and through the host's getter. The outputs are already cleared.
 bool GetResource(const char* base_dir, char* name, uint32_t* size_out, void** data_out) noexcept;
 
-}  // namespace tw::server
+}  // namespace tw::core

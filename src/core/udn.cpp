@@ -2,7 +2,7 @@
 // Device identities: one UDN per announced device, made once from a fixed prefix, a check byte
 // of the friendly name and the MAC address, so a host keeps its identities across restarts and
 // two hosts (or two differently named instances on one host) never share one.
-#include "server/udn.h"
+#include "core/udn.h"
 
 #include <atomic>
 #include <cstdint>
@@ -11,15 +11,15 @@
 
 #include "platform/critical_section.h"
 #include "tarnwick/config.h"
+#include "tarnwick/core.h"
 #include "tarnwick/log.h"
 #include "tarnwick/platform.h"
-#include "tarnwick/server.h"
 
 extern "C" {
 TW_API int32_t g_nInstance = 0;
 }
 
-namespace tw::server {
+namespace tw::core {
 namespace {
 
 constexpr size_t kUdnSize = 256;
@@ -111,25 +111,23 @@ void ResetDeviceUdnsForTesting() noexcept {
   }
 }
 
-}  // namespace tw::server
+}  // namespace tw::core
 
 extern "C" {
 
-TW_API const char* upnp_get_server_udn(void) noexcept {
-  return tw::server::Udn(tw::server::kServer);
-}
+TW_API const char* upnp_get_server_udn(void) noexcept { return tw::core::Udn(tw::core::kServer); }
 TW_API const char* upnp_get_renderer_udn(void) noexcept {
-  return tw::server::Udn(tw::server::kRenderer);
+  return tw::core::Udn(tw::core::kRenderer);
 }
 TW_API const char* upnp_get_renderer2_udn(void) noexcept {
-  return tw::server::Udn(tw::server::kRenderer2);
+  return tw::core::Udn(tw::core::kRenderer2);
 }
 TW_API const char* upnp_get_ruis_udn(void) noexcept {
-  return tw::server::Udn(tw::server::kRemoteUiServer);
+  return tw::core::Udn(tw::core::kRemoteUiServer);
 }
 TW_API const char* upnp_get_ruic_udn(void) noexcept {
-  return tw::server::Udn(tw::server::kRemoteUiClient);
+  return tw::core::Udn(tw::core::kRemoteUiClient);
 }
-TW_API const char* upnp_get_mtp_udn(void) noexcept { return tw::server::Udn(tw::server::kMtp); }
+TW_API const char* upnp_get_mtp_udn(void) noexcept { return tw::core::Udn(tw::core::kMtp); }
 
 }  // extern "C"

@@ -2,17 +2,17 @@
 // Network matching by text over the served records, and the peer MAC lookup through the ARP
 // table. Addresses are compared as text on purpose: no netmask is consulted, so a match of the
 // first three dotted parts stands for "same network".
-#include "server/network_match.h"
+#include "core/network_match.h"
 
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 
+#include "core/core.h"
 #include "platform/arp.h"
-#include "server/server_core.h"
 #include "tarnwick/platform.h"
 
-namespace tw::server {
+namespace tw::core {
 namespace {
 
 constexpr int kMacAttempts = 5;
@@ -123,4 +123,4 @@ void SetMacRetryPauseForTesting(int32_t ms) noexcept {
   g_retry_pause_ms.store(ms >= 0 ? ms : kMacRetryPauseMs);
 }
 
-}  // namespace tw::server
+}  // namespace tw::core

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries: the resource registry.
-#include "server/resource.h"
+#include "core/resource.h"
 #include "tarnwick/config.h"
-#include "tarnwick/server.h"
+#include "tarnwick/core.h"
 
 extern "C" {
 
-TW_API void upnp_resource_init(void) noexcept { tw::server::InitResources(); }
+TW_API void upnp_resource_init(void) noexcept { tw::core::InitResources(); }
 
-TW_API void upnp_resource_exit(void) noexcept { tw::server::ExitResources(); }
+TW_API void upnp_resource_exit(void) noexcept { tw::core::ExitResources(); }
 
 TW_API void register_upnp_resource_get_function(upnp_resource_get_function fn) noexcept {
-  tw::server::SetResourceGetter(fn);
+  tw::core::SetResourceGetter(fn);
 }
 
 TW_API int upnp_resource_get(char* name, uint32_t* size_out, void** data_out) noexcept {
@@ -19,8 +19,8 @@ TW_API int upnp_resource_get(char* name, uint32_t* size_out, void** data_out) no
   if (data_out != nullptr) *data_out = nullptr;
   if (name == nullptr || size_out == nullptr || data_out == nullptr) return 0;
   const char* base_dir = upnp_ini_file_get_EXE_Dir();
-  return tw::server::GetResource(base_dir != nullptr ? base_dir : "", name, size_out, data_out) ? 1
-                                                                                                : 0;
+  return tw::core::GetResource(base_dir != nullptr ? base_dir : "", name, size_out, data_out) ? 1
+                                                                                              : 0;
 }
 
 }  // extern "C"

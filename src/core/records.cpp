@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "server/server_core.h"
+#include "core/core.h"
 #include "tarnwick/platform.h"
 
 extern "C" {
@@ -17,7 +17,7 @@ TW_API int32_t g_localPort = 0;
 
 }  // extern "C"
 
-namespace tw::server {
+namespace tw::core {
 namespace {
 
 static_assert(sizeof(g_IPaddress) == kMaxInterfaces * kAddressSize);
@@ -107,4 +107,4 @@ void SetServerAddressText(const char* address, int32_t port) noexcept {
   if (std::strcmp(text, g_server_text) != 0) std::memcpy(g_server_text, text, sizeof(text));
 }
 
-}  // namespace tw::server
+}  // namespace tw::core

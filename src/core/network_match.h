@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-#include "platform/status.h"
+#include "base/status.h"
 
-namespace tw::server {
+namespace tw::core {
 
 inline constexpr int32_t kMacTextSize = 18;
 
@@ -31,4 +31,4 @@ void SetArpSourceForTesting(ArpSource source) noexcept;
 // Pause between two attempts; a negative value restores 100 ms.
 void SetMacRetryPauseForTesting(int32_t ms) noexcept;
 
-}  // namespace tw::server
+}  // namespace tw::core

@@ -4,10 +4,10 @@
 // being destroyed must learn that it holds nothing.
 #include <atomic>
 
-#include "server/server_core.h"
+#include "core/core.h"
 #include "tarnwick/platform.h"
 
-namespace tw::server {
+namespace tw::core {
 namespace {
 
 // Gives threads that loaded the pointer just before it was cleared time to get through the
@@ -64,4 +64,4 @@ void LeaveGlobalLock() noexcept {
 
 bool GlobalLockExists() noexcept { return g_lock.load() != nullptr; }
 
-}  // namespace tw::server
+}  // namespace tw::core

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "server/resource.h"
+#include "core/resource.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 
 #include "platform/test_hooks.h"
 #include "support/test_support.h"
+#include "tarnwick/core.h"
 #include "tarnwick/log.h"
-#include "tarnwick/server.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ class ServerResource : public tw::test::LeakCheck {
   std::string Get(std::string name, bool with_tail = false) {
     uint32_t size = 77;
     void* data = reinterpret_cast<void*>(1);
-    if (!tw::server::GetResource(dir_.path().c_str(), name.data(), &size, &data)) return "<none>";
+    if (!tw::core::GetResource(dir_.path().c_str(), name.data(), &size, &data)) return "<none>";
     std::string bytes(static_cast<char*>(data), size + (with_tail ? 2 : 0));
     upnp_free_impl(data);
     return bytes;
@@ -63,7 +63,7 @@ TEST_F(ServerResource, FileIsReadWithTwoZeroBytesThenServedFromTheCache) {
   uint32_t size = 0;
   void* data = nullptr;
   const uint32_t before = upnp_mem_used();
-  ASSERT_TRUE(tw::server::GetResource(dir_.path().c_str(), name.data(), &size, &data));
+  ASSERT_TRUE(tw::core::GetResource(dir_.path().c_str(), name.data(), &size, &data));
   EXPECT_EQ(name, std::string("icon.png\0x", 10));  // cut in place
   EXPECT_EQ(upnp_mem_used() - before, 4u);          // the cached copy has no terminator bytes
   EXPECT_EQ(std::string(static_cast<char*>(data), size), "PNG1");
@@ -94,7 +94,7 @@ TEST_F(ServerResource, FullCacheStillDeliversAndLogs) {
   const std::string log_file = log_dir.File("log.txt");
   ASSERT_EQ(upnp_log_init(log_file.c_str()), 1);
   upnp_log_set_mode(UPNP_LOG_SYSTEM);
-  for (size_t i = 0; i <= tw::server::kResourceCacheEntries; ++i) {
+  for (size_t i = 0; i <= tw::core::kResourceCacheEntries; ++i) {
     Put("f" + std::to_string(i) + ".txt", "v1");
     EXPECT_EQ(Get("f" + std::to_string(i) + ".txt"), "v1");
   }

@@ -16,10 +16,10 @@ TEST_F(ServerUdn, EachDeviceHasItsOwnUdnMadeOnceFromFriendlyNameAndInstance) {
   __atomic_store_n(&g_nInstance, 2, __ATOMIC_RELAXED);
   EXPECT_EQ(upnp_get_server_udn(), server);
   EXPECT_EQ(server, kServerUdn);
-  server::ResetDeviceUdnsForTesting();
+  core::ResetDeviceUdnsForTesting();
   EXPECT_STREQ(upnp_get_server_udn(), "uuid:5521726e-7769-636b-5383-424242424242");
   EXPECT_STREQ(upnp_get_renderer_udn(), "uuid:5601726e-7769-636b-5383-424242424242");
-  server::ResetDeviceUdnsForTesting();
+  core::ResetDeviceUdnsForTesting();
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_FRIENDLYNAME, "");  // set, summing to 0
   __atomic_store_n(&g_nInstance, 0x10c, __ATOMIC_RELAXED);        // only the low byte counts
   EXPECT_STREQ(upnp_get_server_udn(), "uuid:55<1726e-7769-636b-5300-424242424242");

@@ -4,9 +4,9 @@
 // threads), so every entry is stored and loaded atomically.
 #include <atomic>
 
-#include "server/server_core.h"
+#include "core/core.h"
 
-namespace tw::server {
+namespace tw::core {
 namespace {
 
 DtcpCallbacks g_dtcp{};
@@ -92,4 +92,4 @@ int32_t RemotePort() noexcept { return g_remote_port.load(); }
 
 void SetRemotePort(int32_t port) noexcept { g_remote_port.store(port); }
 
-}  // namespace tw::server
+}  // namespace tw::core

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The resource cache and the file and host fallbacks behind it.
-#include "server/resource.h"
+#include "core/resource.h"
 
 #include <array>
 #include <atomic>
@@ -14,7 +14,7 @@
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"
 
-namespace tw::server {
+namespace tw::core {
 namespace {
 
 // Paths are built in a fixed buffer and cut silently at its size, as every path of the library.
@@ -170,4 +170,4 @@ bool GetResource(const char* base_dir, char* name, uint32_t* size_out, void** da
   return getter != nullptr && getter(name, size_out, data_out) != 0;
 }
 
-}  // namespace tw::server
+}  // namespace tw::core

@@ -1,0 +1,2 @@
+// A low layer that reaches up: the layer check must report this line.
+#include "high/high.h"
