@@ -1,12 +1,14 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """A command-line SSDP discoverer over the GSSDP library (GObject introspection), for systems
-whose gssdp-tools package has no gssdp-discover. Same options and output shape:
+without gupnp-tools' gssdp-discover. Same options and output as that program:
 
-    gssdp_discover.py -i IFACE [-t TARGET] [-n SECONDS]
+    gssdp_discover.py -i IFACE [-t TARGET] [-n SECONDS] [-m available|unavailable|all]
 
-It searches for TARGET on IFACE and prints every resource that becomes available (USN and
-location) or unavailable (byebye) until SECONDS have passed. The SSDP work is GSSDP's.
+It searches for TARGET on IFACE and, until SECONDS have passed, prints every resource that
+becomes available (USN and location) and, with -m unavailable or all, every one that leaves
+(byebye). As with gssdp-discover, the default shows only "available" messages. The SSDP work is
+GSSDP's.
 """
 import argparse
 import sys
@@ -22,10 +24,18 @@ def main():
     parser.add_argument("-i", "--interface", required=True)
     parser.add_argument("-t", "--target", default="ssdp:all")
     parser.add_argument("-n", "--timeout", type=int, default=5)
+    parser.add_argument("-m", "--message-type", default="available",
+                        choices=("available", "unavailable", "all"))
     args = parser.parse_args()
 
     client = GSSDP.Client.new_full(args.interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
     browser = GSSDP.ResourceBrowser.new(client, args.target)
+
+    # gssdp-discover's opening lines, so callers read one format whichever program ran.
+    print("Using network interface %s" % client.get_interface())
+    print("Scanning for resources matching %s" % args.target)
+    print('Showing "%s" messages' % args.message_type)
+    sys.stdout.flush()
 
     # Disposing the browser at the end reports its cache as unavailable; only events seen while
     # listening count.
@@ -45,8 +55,10 @@ def main():
         print("resource unavailable\n  USN:      %s" % usn)
         sys.stdout.flush()
 
-    browser.connect("resource-available", available)
-    browser.connect("resource-unavailable", unavailable)
+    if args.message_type in ("available", "all"):
+        browser.connect("resource-available", available)
+    if args.message_type in ("unavailable", "all"):
+        browser.connect("resource-unavailable", unavailable)
     browser.set_active(True)
     loop = GLib.MainLoop()
 
