@@ -2,7 +2,7 @@
 # Installs the Debian packages the build and the tests need, when they are missing. Needs root
 # to install; without root it only reports what is missing.
 set -eu
-need="cmake g++ make python3 googletest libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux gssdp-tools gir1.2-gssdp-1.6 python3-gi"
+need="cmake g++ make pkgconf binutils python3 googletest libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux gssdp-tools gir1.2-gssdp-1.6 python3-gi"
 if [ "${1:-}" = "--check" ]; then
   need="$need clang-14 clang-format-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user android-liblog-dev"
 fi
