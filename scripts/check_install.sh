@@ -132,7 +132,7 @@ while IFS= read -r f; do
           fail "$rel: RUNPATH entry $entry leaves the install prefix ($target)"
         ;;
       /*)
-        for tree in "$src" "$build" "$src_given" "$build_given"; do
+        for tree in "$build" "$build_given" "$src" "$src_given"; do
           if under "$entry" "$tree"; then fail "$rel: RUNPATH entry $entry lies inside $tree"; fi
         done
         if under "$entry" "$prefix"; then
