@@ -58,12 +58,12 @@ arm:
 fuzz:
 	@sh scripts/install-deps.sh --check
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DTW_BUILD_FUZZ=ON -DTW_BUILD_TESTS=OFF -DTW_BUILD_EXAMPLES=OFF
+	  -DTW_BUILD_FUZZ=ON -DBUILD_TESTING=OFF -DTW_BUILD_EXAMPLES=OFF
 	cmake --build build-fuzz -j$(JOBS)
 	sh scripts/run-fuzz.sh build-fuzz $(FUZZ_SECONDS)
 
 bench:
-	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTW_BUILD_BENCH=ON -DTW_BUILD_TESTS=OFF
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTW_BUILD_BENCH=ON -DBUILD_TESTING=OFF
 	cmake --build build-bench -j$(JOBS)
 	sh scripts/run-bench.sh build-bench
 

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Writes the small folder that `make run` shares: a few text, HTML and image files whose sizes
 # make byte ranges worth trying. Rewritten at every configure; nothing else lives there.
-set(TW_SAMPLE_DIR ${CMAKE_BINARY_DIR}/sample)
+set(TW_SAMPLE_DIR ${PROJECT_BINARY_DIR}/sample)
 file(MAKE_DIRECTORY ${TW_SAMPLE_DIR})
 file(WRITE ${TW_SAMPLE_DIR}/readme.txt
   "This folder is shared by tarnwick-mediaserver (make run).\n"
