@@ -34,7 +34,8 @@ void ApplyIniFileOption(const char* value) noexcept {
   upnp_file_split_path(value, &dir, &name);
   CPtr dir_owner(dir);
   CPtr name_owner(name);
-  CsGuard guard(&g_ini_Section);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return;
   if (dir != nullptr) {
     SetValueLocked(FindByKeyLocked(kKeyIniPath), dir, true, true, Origin::kCommandLine);
   }
@@ -46,8 +47,8 @@ void ApplyIniFileOption(const char* value) noexcept {
 // Run only when no INI file exists yet. Every name is tried, newest first, without stopping at
 // a success, so the oldest name that is found is the copy that stays.
 void CopyDefaultIniFiles() noexcept {
-  if (!LockReady()) return;
-  CsGuard guard(&g_ini_Section);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return;
   const char* destination = IniPathLocked();
   if (destination == nullptr || upnp_file_exists(destination)) return;
   const Property* ini_dir_property = FindByKeyLocked(kKeyIniPath);
@@ -102,7 +103,8 @@ void PrintUsage(const char* program_name) noexcept {
 int32_t ParseCommandLine(int32_t argc, char* const* argv) noexcept {
   if (!LockReady()) return 0;
   if (argv != nullptr && argc > 0 && argv[0] != nullptr) {
-    CsGuard guard(&g_ini_Section);
+    LazyGuard guard(g_ini_lock);
+    if (!guard.held()) return 0;
     if (g_state.exe_name == nullptr) {
       g_state.exe_name = upnp_strdup_impl(argv[0]);
       if (g_state.exe_dir != nullptr) upnp_free_impl(g_state.exe_dir);
@@ -120,7 +122,8 @@ int32_t ParseCommandLine(int32_t argc, char* const* argv) noexcept {
     }
     if (arg[0] != '-') continue;
     {
-      CsGuard guard(&g_ini_Section);
+      LazyGuard guard(g_ini_lock);
+      if (!guard.held()) return 0;
       // An ignored parameter's value is met next as an argument without a dash and skipped.
       if (IsIgnoredLocked(arg)) continue;
     }
@@ -131,7 +134,8 @@ int32_t ParseCommandLine(int32_t argc, char* const* argv) noexcept {
     if (EqualsIgnoreCase(name, "inifile")) {
       ApplyIniFileOption(value);
     } else {
-      CsGuard guard(&g_ini_Section);
+      LazyGuard guard(g_ini_lock);
+      if (!guard.held()) return 0;
       SetValueLocked(FindByNameLocked(name), value, true, true, Origin::kCommandLine);
     }
   }
@@ -143,8 +147,9 @@ int32_t ParseCommandLine(int32_t argc, char* const* argv) noexcept {
 }
 
 bool AddIgnoredParam(const char* text) noexcept {
-  if (text == nullptr || !LockReady()) return false;
-  CsGuard guard(&g_ini_Section);
+  if (text == nullptr) return false;
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return false;
   if (g_state.ignored_count >= kMaxIgnoredParams) return false;
   char* copy = upnp_strdup_impl(text);
   if (copy == nullptr) return false;
@@ -159,11 +164,8 @@ void SetDefaultAppName(const char* name) noexcept {
     std::memcpy(g_state.app_name, name, length);
     g_state.app_name[length] = '\0';
   };
-  if (!LockReady()) {
-    store();  // before the first init: nothing else can look at the buffer yet
-    return;
-  }
-  CsGuard guard(&g_ini_Section);
+  // Before the first init nothing else can look at the buffer yet, so it is stored unguarded.
+  LazyGuard guard(g_ini_lock);
   store();
 }
 
@@ -176,7 +178,12 @@ void AddDefaultFile(const char* name) noexcept {
     if (copy != nullptr) upnp_free_impl(copy);
     return;
   }
-  CsGuard guard(&g_ini_Section);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) {
+    upnp_free_impl(node);
+    upnp_free_impl(copy);
+    return;
+  }
   node->name = copy;
   node->next = g_state.default_files;
   g_state.default_files = node;
@@ -185,7 +192,8 @@ void AddDefaultFile(const char* name) noexcept {
 void InitDataDir() noexcept {
   if (!LockReady()) return;
   CPtr base(getAppDataDir());
-  CsGuard guard(&g_ini_Section);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return;
   if (g_state.app_name[0] == '\0') {
     std::memcpy(g_state.app_name, kDefaultAppName, sizeof(kDefaultAppName));
   }

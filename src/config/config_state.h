@@ -2,16 +2,19 @@
 // Process-wide state of the configuration: the property table, its caches and the lists of the
 // command line. Internal to src/config.
 //
-// Locking: g_ini_Section guards every field of State except the atomics. Functions named
-// ...Locked expect the caller to hold it (taken once per call path through CsGuard); the lock is
-// never re-entered, because a re-entry logs a problem line. Lock order: the configuration lock
-// may be held while files are touched and while logging (config -> log -> memory).
+// Locking: g_ini_lock guards every field of State except the atomics. It is live from the first
+// init to the last release; accessors hold it through LazyGuard and give their "missing" result
+// when it is not held. Functions named ...Locked expect the caller to hold it (taken once per
+// call path); the lock is never re-entered, because a re-entry logs a problem line. Lock order: the
+// configuration lock may be held while files are touched and while logging (config -> log ->
+// memory).
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/critical_section.h"
 #include "tarnwick/config.h"
 #include "tarnwick/platform.h"
 
@@ -59,9 +62,6 @@ struct NameNode {
 };
 
 struct State {
-  // Accessors check lock_ready before entering the lock; it is true from the first init to the
-  // last release.
-  std::atomic<bool> lock_ready{false};
   std::atomic<int32_t> init_count{0};
   // Position of each key's record, or -1. Atomic so that upnp_ini_file_isValidKey may answer
   // without the lock; written only under it.
@@ -81,11 +81,12 @@ struct State {
   bool utf16 = false;  // a UTF-16 file was read: write UTF-16 from then on
 };
 
-extern CRITICAL_SECTION g_ini_Section;
+extern LazyCriticalSection g_ini_lock;
 extern State g_state;
 
-// True while the module is initialised (the lock exists).
-inline bool LockReady() noexcept { return g_state.lock_ready.load(std::memory_order_acquire); }
+// True while the module is initialised (the lock is live): a cheap early exit before work that
+// needs the lock; the lock itself is taken through LazyGuard.
+inline bool LockReady() noexcept { return g_ini_lock.Live(); }
 
 // ASCII-only case-insensitive equality of two NUL-terminated strings.
 bool EqualsIgnoreCase(const char* a, const char* b) noexcept;

@@ -28,8 +28,8 @@ constexpr char kHeaderFormat[] =
 // A copy of the INI path taken under the lock, so that a concurrent change of inipath or
 // ininame (which frees the cached path) cannot pull it away while the file is used.
 CPtr IniPathCopy() noexcept {
-  if (!LockReady()) return CPtr();
-  CsGuard guard(&g_ini_Section);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return CPtr();
   const char* path = IniPathLocked();
   return CPtr(path != nullptr ? upnp_strdup_impl(path) : nullptr);
 }
@@ -68,8 +68,8 @@ void DropIniPathLocked() noexcept {
 }
 
 void ApplyIniText(char* text, size_t length) noexcept {
-  if (!LockReady()) return;
-  CsGuard guard(&g_ini_Section);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return;
   char* name = nullptr;
   char* value = nullptr;
   // The scan runs to the real end of the data: a NUL inside a (binary) file is a control byte
@@ -95,10 +95,11 @@ void ApplyIniText(char* text, size_t length) noexcept {
 }
 
 void ApplyIniBuffer(char* buffer, size_t length) noexcept {
-  if (!LockReady() || length < 2) return;
+  if (length < 2) return;
   bool utf16 = false;
   {
-    CsGuard guard(&g_ini_Section);
+    LazyGuard guard(g_ini_lock);
+    if (!guard.held()) return;
     if (static_cast<unsigned char>(buffer[0]) == 0xFF &&
         static_cast<unsigned char>(buffer[1]) == 0xFE) {
       g_state.utf16 = true;
@@ -140,10 +141,10 @@ void ReadIniFile() noexcept {
 }
 
 void WriteIniFile() noexcept {
-  if (!LockReady()) return;
   CPtr path;
   {
-    CsGuard guard(&g_ini_Section);
+    LazyGuard guard(g_ini_lock);
+    if (!guard.held()) return;
     const Property* read_only = FindByKeyLocked(kKeyReadOnly);
     const char* flag = read_only != nullptr ? EffectiveValue(*read_only) : nullptr;
     if (flag != nullptr && flag[0] != '\0' && flag[0] != '0') return;
@@ -160,7 +161,11 @@ void WriteIniFile() noexcept {
     return;
   }
   {
-    CsGuard guard(&g_ini_Section);
+    LazyGuard guard(g_ini_lock);
+    if (!guard.held()) {  // released meanwhile: nothing left to write
+      upnp_file_close(file);
+      return;
+    }
     const bool utf16 = g_state.utf16;
     if (utf16) {
       static constexpr uint8_t kByteOrderMark[2] = {0xFF, 0xFE};

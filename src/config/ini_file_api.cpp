@@ -6,7 +6,7 @@
 
 namespace {
 
-using tw::config::g_ini_Section;
+using tw::config::g_ini_lock;
 using tw::config::LockReady;
 
 }  // namespace
@@ -20,8 +20,8 @@ TW_API void upnp_ini_file_write_properties(void) noexcept { tw::config::WriteIni
 TW_API void upnp_ini_file_reset(void) noexcept { tw::config::DeleteIniFile(); }
 
 TW_API const char* upnp_ini_file_get_ini_path(void) noexcept {
-  if (!LockReady()) return nullptr;
-  tw::CsGuard guard(&g_ini_Section);
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return nullptr;
   return tw::config::IniPathLocked();
 }
 
@@ -44,14 +44,14 @@ TW_API void upnp_ini_file_add_default_file(const char* name) noexcept {
 }
 
 TW_API const char* upnp_ini_file_get_EXE_Name(void) noexcept {
-  if (!LockReady()) return nullptr;
-  tw::CsGuard guard(&g_ini_Section);
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return nullptr;
   return tw::config::g_state.exe_name;
 }
 
 TW_API const char* upnp_ini_file_get_EXE_Dir(void) noexcept {
-  if (!LockReady()) return nullptr;
-  tw::CsGuard guard(&g_ini_Section);
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return nullptr;
   return tw::config::ExeDirLocked();
 }
 

@@ -10,7 +10,7 @@
 
 namespace tw::config {
 
-CRITICAL_SECTION g_ini_Section;
+LazyCriticalSection g_ini_lock;
 State g_state;
 
 namespace {
@@ -193,13 +193,13 @@ const char* ListItemLocked(Property* p, int32_t index) noexcept {
 
 void Init() noexcept {
   if (g_state.init_count.fetch_add(1, std::memory_order_acq_rel) != 0) return;
-  InitializeCriticalSection(&g_ini_Section);
-  for (auto& slot : g_state.key_index) slot.store(-1, std::memory_order_relaxed);
-  g_state.records = nullptr;
-  g_state.count = 0;
-  g_state.lock_ready.store(true, std::memory_order_release);
+  g_ini_lock.Create();
   {
-    CsGuard guard(&g_ini_Section);
+    LazyGuard guard(g_ini_lock);
+    if (!guard.held()) return;  // released again by another thread meanwhile
+    for (auto& slot : g_state.key_index) slot.store(-1, std::memory_order_relaxed);
+    g_state.records = nullptr;
+    g_state.count = 0;
     CreateBuiltinsLocked();
   }
   g_state.restart_pending.store(0, std::memory_order_relaxed);
@@ -211,27 +211,26 @@ void Release() noexcept {
     if (count <= 0) return;  // unbalanced release: nothing to do
   } while (!g_state.init_count.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel));
   if (count != 1) return;
-  {
-    CsGuard guard(&g_ini_Section);
-    while (g_state.default_files != nullptr) {
-      NameNode* node = g_state.default_files;
-      g_state.default_files = node->next;
-      FreeIfSet(node->name);
-      upnp_free_impl(node);
-    }
-    for (int16_t i = 0; i < g_state.count; ++i) FreeProperty(&g_state.records[i]);
-    FreeIfSet(g_state.records);
-    g_state.records = nullptr;
-    g_state.count = 0;
-    for (auto& slot : g_state.key_index) slot.store(-1, std::memory_order_relaxed);
-    DropIniPathLocked();
-    FreeCommandLineStateLocked();
-    g_state.utf16 = false;
-    g_state.app_name[0] = '\0';
-    g_state.restart_pending.store(0, std::memory_order_relaxed);
+  LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return;
+  while (g_state.default_files != nullptr) {
+    NameNode* node = g_state.default_files;
+    g_state.default_files = node->next;
+    FreeIfSet(node->name);
+    upnp_free_impl(node);
   }
-  g_state.lock_ready.store(false, std::memory_order_release);
-  DeleteCriticalSection(&g_ini_Section);
+  for (int16_t i = 0; i < g_state.count; ++i) FreeProperty(&g_state.records[i]);
+  FreeIfSet(g_state.records);
+  g_state.records = nullptr;
+  g_state.count = 0;
+  for (auto& slot : g_state.key_index) slot.store(-1, std::memory_order_relaxed);
+  DropIniPathLocked();
+  FreeCommandLineStateLocked();
+  g_state.utf16 = false;
+  g_state.app_name[0] = '\0';
+  g_state.restart_pending.store(0, std::memory_order_relaxed);
+  // Dead from here on: accessors that wait for the lock now get their "missing" result.
+  g_ini_lock.Destroy();
 }
 
 }  // namespace tw::config

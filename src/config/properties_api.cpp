@@ -9,7 +9,7 @@
 
 namespace {
 
-using tw::config::g_ini_Section;
+using tw::config::g_ini_lock;
 using tw::config::LockReady;
 using tw::config::Property;
 
@@ -17,8 +17,8 @@ using tw::config::Property;
 // or the key has no property.
 template <typename R, typename F>
 R WithProperty(uint32_t key, R missing, F&& body) noexcept {
-  if (!LockReady()) return missing;
-  tw::CsGuard guard(&g_ini_Section);
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return missing;
   Property* p = tw::config::FindByKeyLocked(key);
   return p != nullptr ? body(p) : missing;
 }
@@ -44,8 +44,8 @@ TW_API int32_t upnp_ini_file_create_property(uint32_t key, const char* name,
                                              int32_t is_list, int32_t hidden, int32_t disabled,
                                              int32_t restart_required) noexcept {
   if (name == nullptr || *name == '\0') return UPNP_INI_NAME_EMPTY;
-  if (!LockReady()) return UPNP_INI_NO_LOCK;
-  tw::CsGuard guard(&g_ini_Section);
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return UPNP_INI_NO_LOCK;
   return tw::config::CreatePropertyLocked(key, name, default_value, description, is_list != 0,
                                           hidden != 0, disabled != 0, restart_required != 0);
 }
@@ -79,8 +79,9 @@ TW_API const char* upnp_ini_file_getPropParamName(uint32_t key) noexcept {
 }
 
 TW_API int32_t upnp_ini_file_getPropertyKey(const char* name) noexcept {
-  if (name == nullptr || !LockReady()) return -1;
-  tw::CsGuard guard(&g_ini_Section);
+  if (name == nullptr) return -1;
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return -1;
   const Property* p = tw::config::FindByNameLocked(name);
   return p != nullptr ? static_cast<int32_t>(p->key) : -1;
 }
@@ -100,8 +101,8 @@ TW_API int32_t upnp_ini_file_propertyIsDisabled(uint32_t key) noexcept {
 }
 
 TW_API upnp_string* upnp_ini_file_get_all_properties(void) noexcept {
-  if (!LockReady()) return nullptr;
-  tw::CsGuard guard(&g_ini_Section);
+  tw::LazyGuard guard(g_ini_lock);
+  if (!guard.held()) return nullptr;
   upnp_string* all = upnp_string_create("", 256);
   for (int16_t i = 0; all != nullptr && i < tw::config::g_state.count; ++i) {
     const Property& p = tw::config::g_state.records[i];

@@ -1,67 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
-// The global lock: serialises host calls into shared tables. It is made on the heap at the first
-// start, survives restarts, and is destroyed by a stop; a thread that waited for it while it was
-// being destroyed must learn that it holds nothing.
-#include <atomic>
-
+// The global lock: serialises host calls into shared tables. The first start makes it, it
+// survives restarts, and a stop outside a restart destroys it; a thread that waited for it while
+// it was being destroyed learns that it holds nothing. Its storage is static and never freed, so
+// no thread can touch it after it went away (LazyCriticalSection).
 #include "core/core.h"
-#include "tarnwick/platform.h"
+#include "platform/critical_section.h"
 
 namespace tw::core {
 namespace {
 
-// Gives threads that loaded the pointer just before it was cleared time to get through the
-// mutex before it is destroyed and freed.
-constexpr int32_t kDestroyGraceMs = 20;
-
-std::atomic<CRITICAL_SECTION*> g_lock{nullptr};
+LazyCriticalSection g_lock;
 
 }  // namespace
 
-void CreateGlobalLock() noexcept {
-  if (g_lock.load() != nullptr) return;
-  auto* lock = static_cast<CRITICAL_SECTION*>(upnp_malloc_impl(sizeof(CRITICAL_SECTION)));
-  if (lock == nullptr) return;
-  InitializeCriticalSection(lock);
-  CRITICAL_SECTION* expected = nullptr;
-  if (!g_lock.compare_exchange_strong(expected, lock)) {
-    // Another start made one first.
-    DeleteCriticalSection(lock);
-    upnp_free_impl(lock);
-  }
-}
+void CreateGlobalLock() noexcept { g_lock.Create(); }
 
-void DestroyGlobalLock() noexcept {
-  CRITICAL_SECTION* lock = g_lock.load();
-  if (lock == nullptr) return;
-  EnterCriticalSection(lock);
-  CRITICAL_SECTION* expected = lock;
-  const bool ours = g_lock.compare_exchange_strong(expected, nullptr);
-  LeaveCriticalSection(lock);
-  if (!ours) return;  // another stop destroys it
-  // The grace period comes before the destruction (not between destruction and free), so a
-  // waiter woken by the leave above still finds a valid mutex to leave again.
-  Sleep(kDestroyGraceMs);
-  DeleteCriticalSection(lock);
-  upnp_free_impl(lock);
-}
+void DestroyGlobalLock() noexcept { g_lock.Destroy(); }
 
-bool EnterGlobalLock() noexcept {
-  CRITICAL_SECTION* lock = g_lock.load();
-  if (lock == nullptr) return false;
-  EnterCriticalSection(lock);
-  if (g_lock.load() != lock) {
-    LeaveCriticalSection(lock);
-    return false;
-  }
-  return true;
-}
+bool EnterGlobalLock() noexcept { return g_lock.Enter(); }
 
+// A holder leaves even when a stop destroyed the lock meanwhile; anyone else only while it lives,
+// so an unlock after the stop touches nothing.
 void LeaveGlobalLock() noexcept {
-  CRITICAL_SECTION* lock = g_lock.load();
-  if (lock != nullptr) LeaveCriticalSection(lock);
+  if (g_lock.Live() || g_lock.HeldByCaller()) g_lock.Leave();
 }
 
-bool GlobalLockExists() noexcept { return g_lock.load() != nullptr; }
+bool GlobalLockExists() noexcept { return g_lock.Live(); }
 
 }  // namespace tw::core

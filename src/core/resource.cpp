@@ -35,10 +35,9 @@ struct CacheEntry {
   uint32_t size;
 };
 
-CRITICAL_SECTION g_lock;
-std::atomic<bool> g_lock_exists{false};
-// Guarded by g_lock. Entries are never removed before ExitResources, so a pointer to a filled
-// entry stays valid after the lock is released.
+// Live between InitResources and ExitResources.
+LazyCriticalSection g_lock;
+// Guarded by g_lock.
 std::array<CacheEntry, kResourceCacheEntries> g_cache{};
 std::atomic<upnp_resource_get_function> g_getter{nullptr};
 
@@ -52,19 +51,29 @@ bool IsCacheable(const char* name) noexcept {
   return false;
 }
 
-const CacheEntry* FindCached(const char* name) noexcept {
-  if (!g_lock_exists.load()) return nullptr;
-  CsGuard guard(&g_lock);
+// 1 with a fresh copy of the cached entry, -1 when the copy cannot be made, 0 when the name is
+// not cached. The copy is taken under the lock, so an exit on another thread cannot free the
+// entry while it is read.
+int CopyCached(const char* name, uint32_t* size_out, void** data_out) noexcept {
+  LazyGuard guard(g_lock);
+  if (!guard.held()) return 0;
   for (const auto& entry : g_cache) {
     if (entry.name == nullptr) break;
-    if (std::strcmp(entry.name, name) == 0) return &entry;
+    if (std::strcmp(entry.name, name) != 0) continue;
+    void* copy = upnp_malloc_impl(entry.size);
+    if (copy == nullptr) return -1;
+    std::memcpy(copy, entry.data, entry.size);
+    *size_out = entry.size;
+    *data_out = copy;
+    return 1;
   }
-  return nullptr;
+  return 0;
 }
 
 void AddToCache(const char* name, const void* data, uint32_t size) noexcept {
-  if (!IsCacheable(name) || data == nullptr || size == 0 || !g_lock_exists.load()) return;
-  CsGuard guard(&g_lock);
+  if (!IsCacheable(name) || data == nullptr || size == 0) return;
+  LazyGuard guard(g_lock);
+  if (!guard.held()) return;
   for (auto& entry : g_cache) {
     if (entry.name == nullptr) {
       char* name_copy = upnp_strdup_impl(name);
@@ -119,28 +128,22 @@ int ReadResourceFile(const char* path, uint32_t* size_out, void** data_out) noex
 }  // namespace
 
 void InitResources() noexcept {
-  if (!g_lock_exists.load()) {
-    InitializeCriticalSection(&g_lock);
-    g_lock_exists.store(true);
-  }
-  // Clearing without freeing is intended: init runs once before use, and an init after a
-  // missing exit must not free blocks that a concurrent reader might still be copying.
-  CsGuard guard(&g_lock);
-  g_cache.fill(CacheEntry{});
+  g_lock.Create();
+  // Clearing without freeing is intended: an init after a missing exit forgets the old entries
+  // (a leak the host caused) rather than freeing blocks it did not expect to lose.
+  LazyGuard guard(g_lock);
+  if (guard.held()) g_cache.fill(CacheEntry{});
 }
 
 void ExitResources() noexcept {
-  if (!g_lock_exists.load()) return;
-  {
-    CsGuard guard(&g_lock);
-    for (auto& entry : g_cache) {
-      if (entry.name != nullptr) upnp_free_impl(entry.name);
-      if (entry.data != nullptr) upnp_free_impl(entry.data);
-      entry = CacheEntry{};
-    }
+  LazyGuard guard(g_lock);
+  if (!guard.held()) return;
+  for (auto& entry : g_cache) {
+    if (entry.name != nullptr) upnp_free_impl(entry.name);
+    if (entry.data != nullptr) upnp_free_impl(entry.data);
+    entry = CacheEntry{};
   }
-  g_lock_exists.store(false);
-  DeleteCriticalSection(&g_lock);
+  g_lock.Destroy();
 }
 
 void SetResourceGetter(upnp_resource_get_function getter) noexcept { g_getter.store(getter); }
@@ -149,15 +152,8 @@ bool GetResource(const char* base_dir, char* name, uint32_t* size_out, void** da
   // The caller's text is cut in place: "icon.png?size=48" is looked up and cached as icon.png.
   char* query = std::strrchr(name, '?');
   if (query != nullptr) *query = '\0';
-  if (const CacheEntry* hit = FindCached(name); hit != nullptr) {
-    // A cached copy carries no terminator bytes, unlike a block read from the file.
-    void* copy = upnp_malloc_impl(hit->size);
-    if (copy == nullptr) return false;
-    std::memcpy(copy, hit->data, hit->size);
-    *size_out = hit->size;
-    *data_out = copy;
-    return true;
-  }
+  // A cached copy carries no terminator bytes, unlike a block read from the file.
+  if (const int cached = CopyCached(name, size_out, data_out); cached != 0) return cached > 0;
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s%cresources%c%s", base_dir, '/', '/', name);
   const int read = ReadResourceFile(path, size_out, data_out);

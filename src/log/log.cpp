@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/android_log.h"
+#include "platform/critical_section.h"
 #include "platform/file_handle.h"
 #include "platform/log_hook.h"
 #include "tarnwick/platform.h"
@@ -59,8 +60,7 @@ struct State {
   char file_name[kFileNameSize] = {};
   std::atomic<uint32_t> mode{0};
   std::atomic<upnp_log_critical_error_handler> handler{nullptr};
-  std::atomic<int32_t> lock_initialised{0};
-  CRITICAL_SECTION lock;
+  LazyCriticalSection lock;
   std::atomic<upnp_file*> file{nullptr};
   std::atomic<uint32_t> enabled{1};
   std::atomic<SecondSink> second_sink{&RealSecondSink};
@@ -156,26 +156,19 @@ bool Admits(uint32_t category, int level) noexcept {
 }
 
 bool CreateLock() noexcept {
-  if (g_state.lock_initialised.load(std::memory_order_acquire) != 0) return true;
-  InitializeCriticalSection(&g_state.lock);
-  g_state.lock_initialised.store(1, std::memory_order_release);
+  g_state.lock.Create();
   return true;
 }
 
-bool DestroyLock() noexcept {
-  if (g_state.lock_initialised.exchange(0, std::memory_order_acq_rel) == 0) return false;
-  DeleteCriticalSection(&g_state.lock);
-  return true;
-}
+bool DestroyLock() noexcept { return g_state.lock.Destroy(); }
 
-bool LockExists() noexcept { return g_state.lock_initialised.load(std::memory_order_acquire) != 0; }
+bool LockExists() noexcept { return g_state.lock.Live(); }
 
 bool Lock() noexcept {
-  if (!LockExists()) {
+  if (!g_state.lock.Enter()) {
     std::puts("lock_log - critical section not initialized!");
     return false;
   }
-  EnterCriticalSection(&g_state.lock);
   ++t_lock_depth;
   return true;
 }
@@ -183,10 +176,11 @@ bool Lock() noexcept {
 void Unlock() noexcept {
   if (!LockExists()) {
     std::puts("unlock_log - critical section not initialized!");
-    return;
+    // A thread whose lock was destroyed while it held it still lets go of the mutex.
+    if (!g_state.lock.HeldByCaller()) return;
   }
   if (t_lock_depth > 0) --t_lock_depth;
-  LeaveCriticalSection(&g_state.lock);
+  g_state.lock.Leave();
 }
 
 bool Init(const char* path) noexcept {

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Re-entrant critical sections over a plain (non-recursive) mutex: the owner and a depth count
 // make re-entry explicit, so every re-entry can be reported.
+#include "platform/critical_section.h"
+
 #include <pthread.h>
+#include <sched.h>
 
 #include <cstdio>
 
@@ -65,3 +68,69 @@ TW_API void LeaveCriticalSection(CRITICAL_SECTION* cs) noexcept {
 }
 
 }  // extern "C"
+
+namespace tw {
+namespace {
+
+// Rounds a thread yields while another one initialises a mutex (microseconds in practice).
+constexpr int kInitialiseWaitRounds = 100000;
+
+}  // namespace
+
+int LazyCriticalSection::SettledState() const noexcept {
+  int state = state_.load(std::memory_order_acquire);
+  for (int round = 0; state == kInitialising && round < kInitialiseWaitRounds; ++round) {
+    sched_yield();
+    state = state_.load(std::memory_order_acquire);
+  }
+  return state;
+}
+
+bool LazyCriticalSection::Create() noexcept {
+  int state = state_.load(std::memory_order_acquire);
+  if (state == kNever &&
+      state_.compare_exchange_strong(state, kInitialising, std::memory_order_acq_rel)) {
+    InitializeCriticalSection(&cs_);
+    state_.store(kLive, std::memory_order_release);
+    return true;
+  }
+  state = SettledState();
+  // Dead means no thread holds it as live any more, so it can simply come back.
+  return state == kDead && state_.compare_exchange_strong(state, kLive, std::memory_order_acq_rel);
+}
+
+bool LazyCriticalSection::Destroy() noexcept {
+  if (SettledState() != kLive) return false;
+  // Entering waits for the current holder; a caller that holds it marks it dead in place.
+  const bool held = HeldByCaller();
+  if (!held) EnterCriticalSection(&cs_);
+  int expected = kLive;
+  const bool done = state_.compare_exchange_strong(expected, kDead, std::memory_order_acq_rel);
+  if (!held) LeaveCriticalSection(&cs_);
+  return done;
+}
+
+bool LazyCriticalSection::Live() const noexcept {
+  return state_.load(std::memory_order_acquire) == kLive;
+}
+
+bool LazyCriticalSection::HeldByCaller() const noexcept {
+  return state_.load(std::memory_order_acquire) >= kDead && LoadOwner(&cs_) == pthread_self();
+}
+
+bool LazyCriticalSection::Enter() noexcept {
+  if (!Live()) return false;
+  EnterCriticalSection(&cs_);
+  if (Live()) return true;
+  LeaveCriticalSection(&cs_);
+  return false;
+}
+
+bool LazyCriticalSection::EnterCreating() noexcept {
+  Create();
+  return Enter();
+}
+
+void LazyCriticalSection::Leave() noexcept { LeaveCriticalSection(&cs_); }
+
+}  // namespace tw

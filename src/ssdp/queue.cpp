@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The SSDP lock and what it guards: the queue of delayed search answers and the interface
-// blacklist. The lock lives in static storage (a queue call may need it before SSDP_init, and
-// it must not show up in the accounted memory); an atomic state word decides who makes it.
-#include <atomic>
+// blacklist. The lock is made on first use (a queue call may need it before SSDP_init) and lives
+// in static storage, so it takes no accounted memory.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -20,36 +19,15 @@ TW_API char strIFblacklist[512] = "";
 namespace tw::ssdp {
 namespace {
 
-constexpr int kAbsent = 0;
-constexpr int kChanging = 1;
-constexpr int kReady = 2;
-// A thread that finds the lock being made or deleted waits 1 ms per round, this many at most.
-constexpr int kLockWaitRounds = 2000;
 constexpr int kSendsPerAnswer = 3;
 
-CRITICAL_SECTION g_lock;
-std::atomic<int> g_lock_state{kAbsent};
+LazyCriticalSection g_lock;
 
 struct Node {
   upnp_ssdp_answer* answer;
   Node* next;
 };
 Node* g_head = nullptr;  // newest first; only touched under g_lock
-
-CRITICAL_SECTION* AcquireLock() noexcept {
-  for (int round = 0; round < kLockWaitRounds; ++round) {
-    int state = g_lock_state.load(std::memory_order_acquire);
-    if (state == kReady) return &g_lock;
-    if (state == kAbsent &&
-        g_lock_state.compare_exchange_strong(state, kChanging, std::memory_order_acq_rel)) {
-      InitializeCriticalSection(&g_lock);
-      g_lock_state.store(kReady, std::memory_order_release);
-      return &g_lock;
-    }
-    Sleep(1);
-  }
-  return nullptr;
-}
 
 int32_t NowSeconds() noexcept { return static_cast<int32_t>(getSystemTime() / 1000); }
 
@@ -82,20 +60,14 @@ void Answer(upnp_ssdp_answer& answer) noexcept {
 
 }  // namespace
 
-void InitLock() noexcept { AcquireLock(); }
+void InitLock() noexcept { g_lock.Create(); }
 
-void ExitLock() noexcept {
-  int state = kReady;
-  if (!g_lock_state.compare_exchange_strong(state, kChanging, std::memory_order_acq_rel)) return;
-  DeleteCriticalSection(&g_lock);
-  g_lock_state.store(kAbsent, std::memory_order_release);
-}
+void ExitLock() noexcept { g_lock.Destroy(); }
 
 void Enqueue(upnp_ssdp_answer* answer) noexcept {
   if (answer == nullptr) return;
-  CRITICAL_SECTION* lock = AcquireLock();
-  if (lock == nullptr) return;
-  CsGuard guard(lock);
+  LazyGuard guard(g_lock, /*create=*/true);
+  if (!guard.held()) return;
   Node* node = New<Node>(Node{answer, g_head});
   // Without a node the answer stays with the caller, who still owns it.
   if (node == nullptr) return;
@@ -105,9 +77,8 @@ void Enqueue(upnp_ssdp_answer* answer) noexcept {
 
 void ProcessQueue() noexcept {
   PrepareUdns();
-  CRITICAL_SECTION* lock = AcquireLock();
-  if (lock == nullptr) return;
-  CsGuard guard(lock);
+  LazyGuard guard(g_lock, /*create=*/true);
+  if (!guard.held()) return;
   const int32_t now = NowSeconds();
   Node** link = &g_head;
   while (*link != nullptr) {
@@ -125,9 +96,8 @@ void ProcessQueue() noexcept {
 }
 
 void ClearQueue() noexcept {
-  CRITICAL_SECTION* lock = AcquireLock();
-  if (lock == nullptr) return;
-  CsGuard guard(lock);
+  LazyGuard guard(g_lock, /*create=*/true);
+  if (!guard.held()) return;
   Node* node = g_head;
   g_head = nullptr;
   while (node != nullptr) {
@@ -138,9 +108,8 @@ void ClearQueue() noexcept {
 }
 
 bool AddToBlacklist(const char* address) noexcept {
-  CRITICAL_SECTION* lock = AcquireLock();
-  if (lock == nullptr) return false;
-  CsGuard guard(lock);
+  LazyGuard guard(g_lock, /*create=*/true);
+  if (!guard.held()) return false;
   // Intended order of the test: the address is searched for the blacklist. The blacklist starts
   // empty and "" is found in every address, so nothing is added until the host has put a first
   // entry there.
@@ -156,9 +125,8 @@ bool AddToBlacklist(const char* address) noexcept {
 }
 
 int32_t QueuedAnswersForTesting() noexcept {
-  CRITICAL_SECTION* lock = AcquireLock();
-  if (lock == nullptr) return -1;
-  CsGuard guard(lock);
+  LazyGuard guard(g_lock, /*create=*/true);
+  if (!guard.held()) return -1;
   int32_t count = 0;
   for (const Node* node = g_head; node != nullptr; node = node->next) ++count;
   return count;
