@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "http/head_reader.h"
 #include "http/registry.h"
 #include "platform/socket.h"
@@ -70,11 +71,9 @@ bool StartsWith(const char* text, std::string_view prefix) noexcept {
   return std::strncmp(text, prefix.data(), prefix.size()) == 0;
 }
 
-char LowerAscii(char c) noexcept { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
-
 bool StartsWithNoCase(const char* text, std::string_view prefix) noexcept {
   for (size_t i = 0; i < prefix.size(); ++i) {
-    if (text[i] == '\0' || LowerAscii(text[i]) != LowerAscii(prefix[i])) return false;
+    if (text[i] == '\0' || ascii::ToLower(text[i]) != ascii::ToLower(prefix[i])) return false;
   }
   return true;
 }

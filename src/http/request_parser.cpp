@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "platform/allocator.h"
 #include "tarnwick/util.h"
 
@@ -45,7 +46,7 @@ int32_t Atoi(const char* text) noexcept {
   bool negative = false;
   if (*p == '+' || *p == '-') negative = *p++ == '-';
   int64_t value = 0;
-  for (; *p >= '0' && *p <= '9'; ++p) {
+  for (; ascii::IsDigit(*p); ++p) {
     value = value * 10 + (*p - '0');
     if (value > static_cast<int64_t>(INT32_MAX) + 1) value = static_cast<int64_t>(INT32_MAX) + 1;
   }

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "platform/log_hook.h"
 #include "platform/time_internal.h"
 #include "tarnwick/platform.h"
@@ -86,7 +87,7 @@ int64_t FloorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0
 int DigitsValue(const char*& p, int64_t* value) {
   int digits = 0;
   int64_t v = 0;
-  while (*p >= '0' && *p <= '9') {
+  while (ascii::IsDigit(*p)) {
     if (v < (int64_t{1} << 40)) v = v * 10 + (*p - '0');  // bounded: absurd inputs saturate
     ++p;
     ++digits;
