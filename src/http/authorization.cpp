@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/fixed_text.h"
 #include "http/registry.h"
 #include "platform/allocator.h"
 #include "tarnwick/log.h"
@@ -33,10 +34,6 @@ struct Credentials {
   char alternate_password[kCredentialSize];
 };
 Credentials g_credentials = {};
-
-void CopyCut(char* out, size_t size, const char* text) noexcept {
-  std::snprintf(out, size, "%s", text);
-}
 
 // Stores password (at most 63 plain characters) in its scrambled form; a text that is
 // scrambled already (configuration files keep it so) is stored as it is.

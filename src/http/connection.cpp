@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "http/head_reader.h"
 #include "http/registry.h"
 #include "platform/socket.h"
@@ -82,10 +83,6 @@ bool ContainsNoCase(const char* text, const char* needle) noexcept {
   return upnp_istrstr(text, needle) != nullptr;
 }
 
-void CopyText(char* out, size_t size, const char* text) noexcept {
-  std::snprintf(out, size, "%s", text);
-}
-
 uint32_t MethodOf(const char* head) noexcept {
   for (const MethodPrefix& method : kMethods) {
     if (StartsWith(head, method.text)) return method.bit;
@@ -117,11 +114,11 @@ void ParseRequestLine(HttpRequest* request) noexcept {
 void RewriteUrl(HttpRequest* request) noexcept {
   char* url = request->url;
   if (url[0] == '\0' || std::strcmp(url, "/") == 0) {
-    CopyText(url, sizeof(request->url),
-             StartsWith(request->header, "POST") ? kControlUrl : DefaultUrl());
+    CopyCut(url, sizeof(request->url),
+            StartsWith(request->header, "POST") ? kControlUrl : DefaultUrl());
   }
   if (std::strcmp(url, "/favicon.ico") == 0) {
-    CopyText(url, sizeof(request->url), "/images/favicon.ico");
+    CopyCut(url, sizeof(request->url), "/images/favicon.ico");
   }
 }
 

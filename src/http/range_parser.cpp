@@ -4,10 +4,10 @@
 // The DLNA operation parameter "-OP" followed by two digits (time seek, then byte ranges) may sit
 // anywhere in the head, usually inside the resource URL of the request line; the searches for it
 // and for the other DLNA markers are case-sensitive and cover the whole head.
-#include <cstdio>
 #include <cstring>
 
 #include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "http/request_parser.h"
 #include "tarnwick/util.h"
 

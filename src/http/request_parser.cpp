@@ -4,8 +4,6 @@
 #include "http/request_parser.h"
 
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "base/ascii.h"
@@ -24,14 +22,6 @@ bool IsAtoiSpace(char c) noexcept {
 }
 
 }  // namespace
-
-int FormatCut(char* out, size_t size, const char* format, ...) noexcept {
-  va_list args;
-  va_start(args, format);
-  int written = std::vsnprintf(out, size, format, args);
-  va_end(args);
-  return written;
-}
 
 const char* SkipSpaces(const char* p) noexcept {
   const char* q = p;

@@ -2,10 +2,10 @@
 // The status line and header lines of every response, composed in one buffer and sent at once.
 #include "http/response_header.h"
 
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
+#include "base/fixed_text.h"
 #include "http/hooks.h"
 #include "http/mime_table.h"
 #include "http/registry.h"

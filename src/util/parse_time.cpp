@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "tarnwick/platform.h"
 #include "util/helpers.h"
 
@@ -115,10 +116,7 @@ void Iso8601ToRfc822(char* buffer, size_t size) noexcept {
   const int64_t seconds = upnp_convert_date_time_string_to_numeric(buffer);
   char formatted[64] = {};
   upnp_date_formatGMT(seconds, formatted, sizeof(formatted));
-  const size_t length = std::strlen(formatted);
-  const size_t copy = length < size - 1 ? length : size - 1;
-  std::memcpy(buffer, formatted, copy);
-  buffer[copy] = '\0';
+  CopyCut(buffer, size, formatted);
 }
 
 }  // namespace tw::util
