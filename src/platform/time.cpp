@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/ascii.h"
+#include "base/calendar.h"
 #include "platform/log_hook.h"
 #include "platform/time_internal.h"
 #include "tarnwick/platform.h"
@@ -23,11 +24,6 @@ namespace {
 
 constexpr int64_t kSecondsPerDay = 86400;
 constexpr int32_t kOffsetUnknown = 1;
-constexpr const char* kDayNames[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr const char* kMonthNames[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-static_assert(sizeof(kDayNames) / sizeof(kDayNames[0]) == 7);
-static_assert(sizeof(kMonthNames) / sizeof(kMonthNames[0]) == 12);
 
 pthread_once_t g_tz_once = PTHREAD_ONCE_INIT;
 void InitTimeZone() { tzset(); }
