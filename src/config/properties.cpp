@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "config/config_state.h"
 #include "platform/critical_section.h"
 #include "tarnwick/log.h"
@@ -38,16 +39,12 @@ void FreeProperty(Property* p) noexcept {
   *p = Property{};
 }
 
-char AsciiLower(char c) noexcept {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 }  // namespace
 
 bool EqualsIgnoreCase(const char* a, const char* b) noexcept {
   if (a == nullptr || b == nullptr) return false;
   for (; *a != '\0' && *b != '\0'; ++a, ++b) {
-    if (AsciiLower(*a) != AsciiLower(*b)) return false;
+    if (ascii::ToLower(*a) != ascii::ToLower(*b)) return false;
   }
   return *a == *b;
 }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "core/core.h"
 #include "platform/arp.h"
 #include "tarnwick/platform.h"
@@ -23,8 +24,6 @@ constexpr char kZeroMac[] = "00:00:00:00:00:00";
 
 std::atomic<ArpSource> g_arp_source{nullptr};
 std::atomic<int32_t> g_retry_pause_ms{kMacRetryPauseMs};
-
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 // One attempt over every interface index; true with the text of the first non-zero answer.
 bool LookUp(const char* peer, char (&out)[kMacTextSize]) noexcept {
@@ -66,7 +65,7 @@ void SendResolveDatagram(const char* peer) noexcept {
 
 LocalMatch MatchLocalServer(const char* peer) noexcept {
   LocalMatch match;
-  if (peer == nullptr || !IsDigit(peer[0])) {
+  if (peer == nullptr || !ascii::IsDigit(peer[0])) {
     match.status = kStatusInvalidArgument;
     return match;
   }
@@ -93,7 +92,7 @@ int32_t UsedLocalAddress(const char* text) noexcept {
     // Only the first occurrence counts, and only when no digit follows, so 192.168.1.1 is not
     // found inside 192.168.1.10.
     const char* at = std::strstr(text, address);
-    if (at != nullptr && !IsDigit(at[std::strlen(address)])) return index;
+    if (at != nullptr && !ascii::IsDigit(at[std::strlen(address)])) return index;
   }
   return -1;
 }

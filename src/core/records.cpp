@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "core/core.h"
 #include "tarnwick/platform.h"
 
@@ -69,7 +70,7 @@ void SetRecordInUse(int32_t index, bool in_use) noexcept {
 void SetAddress(char* field, const char* address) noexcept {
   if (std::strncmp(field, address, kAddressSize - 1) == 0) return;
   char text[kAddressSize] = {};
-  std::snprintf(text, sizeof(text), "%s", address);
+  CopyCut(text, sizeof(text), address);
   std::memcpy(field, text, sizeof(text));
 }
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/calendar.h"
+#include "base/fixed_text.h"
 #include "http/registry.h"
 #include "platform/allocator.h"
 #include "tarnwick/log.h"
@@ -33,10 +35,6 @@ struct Credentials {
   char alternate_password[kCredentialSize];
 };
 Credentials g_credentials = {};
-
-void CopyCut(char* out, size_t size, const char* text) noexcept {
-  std::snprintf(out, size, "%s", text);
-}
 
 // Stores password (at most 63 plain characters) in its scrambled form; a text that is
 // scrambled already (configuration files keep it so) is stored as it is.
@@ -148,9 +146,6 @@ bool SameNetwork(const char* client_ip, const char* base_url) noexcept {
 }
 
 void FormatCookieExpiry(int64_t time, char* out, size_t size) noexcept {
-  static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-  static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   // Civil date from days since 1970 in 64-bit arithmetic, so the expiry stays right where the
   // C library's time_t has only 32 bits.
   int64_t days = time / 86400;
@@ -169,8 +164,8 @@ void FormatCookieExpiry(int64_t time, char* out, size_t size) noexcept {
   const int64_t day = doy - (153 * mp + 2) / 5 + 1;
   const int64_t month = mp < 10 ? mp + 3 : mp - 9;
   const int64_t year = yoe + era * 400 + (month <= 2 ? 1 : 0);
-  std::snprintf(out, size, "%s, %02d-%s-%04d %02d:%02d:%02d GMT", kDays[weekday],
-                static_cast<int>(day), kMonths[month - 1], static_cast<int>(year),
+  std::snprintf(out, size, "%s, %02d-%s-%04d %02d:%02d:%02d GMT", kDayNames[weekday],
+                static_cast<int>(day), kMonthNames[month - 1], static_cast<int>(year),
                 static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
                 static_cast<int>(seconds % 60));
 }

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "http/head_reader.h"
 #include "http/registry.h"
 #include "platform/socket.h"
@@ -70,21 +72,15 @@ bool StartsWith(const char* text, std::string_view prefix) noexcept {
   return std::strncmp(text, prefix.data(), prefix.size()) == 0;
 }
 
-char LowerAscii(char c) noexcept { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
-
 bool StartsWithNoCase(const char* text, std::string_view prefix) noexcept {
   for (size_t i = 0; i < prefix.size(); ++i) {
-    if (text[i] == '\0' || LowerAscii(text[i]) != LowerAscii(prefix[i])) return false;
+    if (text[i] == '\0' || ascii::ToLower(text[i]) != ascii::ToLower(prefix[i])) return false;
   }
   return true;
 }
 
 bool ContainsNoCase(const char* text, const char* needle) noexcept {
   return upnp_istrstr(text, needle) != nullptr;
-}
-
-void CopyText(char* out, size_t size, const char* text) noexcept {
-  std::snprintf(out, size, "%s", text);
 }
 
 uint32_t MethodOf(const char* head) noexcept {
@@ -118,11 +114,11 @@ void ParseRequestLine(HttpRequest* request) noexcept {
 void RewriteUrl(HttpRequest* request) noexcept {
   char* url = request->url;
   if (url[0] == '\0' || std::strcmp(url, "/") == 0) {
-    CopyText(url, sizeof(request->url),
-             StartsWith(request->header, "POST") ? kControlUrl : DefaultUrl());
+    CopyCut(url, sizeof(request->url),
+            StartsWith(request->header, "POST") ? kControlUrl : DefaultUrl());
   }
   if (std::strcmp(url, "/favicon.ico") == 0) {
-    CopyText(url, sizeof(request->url), "/images/favicon.ico");
+    CopyCut(url, sizeof(request->url), "/images/favicon.ico");
   }
 }
 

@@ -3,9 +3,9 @@
 // and the like) are matched exactly, anywhere in the head, usually inside the request URL.
 #include "http/dlna_headers.h"
 
-#include <cstdio>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "http/request_parser.h"
 #include "tarnwick/util.h"
 
@@ -91,7 +91,7 @@ void ContentFeaturesLine(const char* url, char* out) noexcept {
   constexpr size_t kSize = kContentFeaturesLineSize;
   constexpr char kAnyContent[] = "contentFeatures.dlna.org: *\r\n";
   if (Has(url, "NON-DLNA")) {
-    FormatCut(out, kSize, "%s", kAnyContent);
+    CopyCut(out, kSize, kAnyContent);
     return;
   }
   char pn[kSize];
@@ -103,7 +103,7 @@ void ContentFeaturesLine(const char* url, char* out) noexcept {
   found = UrlPart(url, "-CI", "DLNA.ORG_CI=", "", ci, kSize) || found;
   found = UrlPart(url, "-FLAGS", "DLNA.ORG_FLAGS=", kFlagsSuffix, flags, kSize) || found;
   if (!found) {
-    FormatCut(out, kSize, "%s", kAnyContent);
+    CopyCut(out, kSize, kAnyContent);
     return;
   }
   // No operation at all is the same as no OP part.

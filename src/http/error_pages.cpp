@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "http/body_sender.h"
 #include "platform/allocator.h"
 #include "tarnwick/platform.h"
@@ -33,10 +34,6 @@ struct PageTexts {
 };
 PageTexts g_restricted = {};
 PageTexts g_not_found = {};
-
-void CopyCut(char* out, size_t size, const char* text) noexcept {
-  std::snprintf(out, size, "%s", text);
-}
 
 void Fill(PageTexts& texts, const char* title, const char* message, const char* default_title,
           const char* default_message) noexcept {

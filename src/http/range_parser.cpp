@@ -4,9 +4,10 @@
 // The DLNA operation parameter "-OP" followed by two digits (time seek, then byte ranges) may sit
 // anywhere in the head, usually inside the resource URL of the request line; the searches for it
 // and for the other DLNA markers are case-sensitive and cover the whole head.
-#include <cstdio>
 #include <cstring>
 
+#include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "http/request_parser.h"
 #include "tarnwick/util.h"
 
@@ -17,8 +18,6 @@ constexpr int32_t kTimeOverflow = 2147483647;
 constexpr uint32_t kNoDigits = static_cast<uint32_t>(HTTP_RANGE_UNSET);
 // Where the time scan starts inside the time-seek header: past the '-' of "X-Seek-Range".
 constexpr size_t kTimeScanOffset = 11;
-
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 bool Has(const char* head, const char* marker) noexcept {
   return std::strstr(head, marker) != nullptr;
@@ -77,7 +76,7 @@ void ReadTimeSeek(HttpRequest& request, const char* name) noexcept {
   if (*p == '-') {
     request.range_end = HTTP_RANGE_ABSENT;
     const char* end = SkipSpaces(p + 1);
-    if (IsDigit(*end)) request.range_end = SignExtended(ParseTimeRange(end, nullptr));
+    if (ascii::IsDigit(*end)) request.range_end = SignExtended(ParseTimeRange(end, nullptr));
   }
   CopyRequested(request);
 }
@@ -95,13 +94,13 @@ void ReadBytes(HttpRequest& request, const char* name) noexcept {
   for (; *p != '\0' && *p != '-'; ++p) {
     if (*p == '=') {
       const char* start = SkipSpaces(p + 1);
-      if (IsDigit(*start)) request.range_start = upnp_ascii_to_long_long(start);
+      if (ascii::IsDigit(*start)) request.range_start = upnp_ascii_to_long_long(start);
     }
   }
   if (*p == '-') {
     request.range_end = HTTP_RANGE_ABSENT;
     const char* end = SkipSpaces(p + 1);
-    if (IsDigit(*end)) request.range_end = upnp_ascii_to_long_long(end);
+    if (ascii::IsDigit(*end)) request.range_end = upnp_ascii_to_long_long(end);
   }
   CopyRequested(request);
 }
@@ -118,7 +117,7 @@ uint32_t ParseTimeRange(const char* text, int32_t* clock_flag) noexcept {
   bool digit_seen = false;
   for (const char* p = text; *p != '\0'; ++p) {
     char c = *p;
-    if (IsDigit(c)) {
+    if (ascii::IsDigit(c)) {
       current = current * 10 + static_cast<uint32_t>(c - '0');
       digit_seen = true;
     } else if (c == ':') {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "platform/allocator.h"
 #include "platform/critical_section.h"
 #include "tarnwick/log.h"
@@ -36,15 +37,6 @@ struct RemoteUrlLock {
 CRITICAL_SECTION* RemoteLock() noexcept {
   static RemoteUrlLock lock;  // trivially destructible: stays usable during process exit
   return &lock.cs;
-}
-
-// Copies at most size - 1 bytes of text and terminates; returns the length of text.
-size_t CopyCut(char* out, size_t size, const char* text) noexcept {
-  const size_t length = std::strlen(text);
-  const size_t kept = length < size ? length : size - 1;
-  std::memcpy(out, text, kept);
-  out[kept] = '\0';
-  return length;
 }
 
 }  // namespace

@@ -4,10 +4,9 @@
 #include "http/request_parser.h"
 
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "platform/allocator.h"
 #include "tarnwick/util.h"
 
@@ -24,14 +23,6 @@ bool IsAtoiSpace(char c) noexcept {
 
 }  // namespace
 
-int FormatCut(char* out, size_t size, const char* format, ...) noexcept {
-  va_list args;
-  va_start(args, format);
-  int written = std::vsnprintf(out, size, format, args);
-  va_end(args);
-  return written;
-}
-
 const char* SkipSpaces(const char* p) noexcept {
   const char* q = p;
   while (*q == ' ' || *q == '\t') ++q;
@@ -45,7 +36,7 @@ int32_t Atoi(const char* text) noexcept {
   bool negative = false;
   if (*p == '+' || *p == '-') negative = *p++ == '-';
   int64_t value = 0;
-  for (; *p >= '0' && *p <= '9'; ++p) {
+  for (; ascii::IsDigit(*p); ++p) {
     value = value * 10 + (*p - '0');
     if (value > static_cast<int64_t>(INT32_MAX) + 1) value = static_cast<int64_t>(INT32_MAX) + 1;
   }

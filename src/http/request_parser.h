@@ -11,11 +11,6 @@
 
 namespace tw::http {
 
-// ---- text helpers (request_parser.cpp) ----
-// snprintf into a fixed buffer whose cut is intended (the result is what snprintf returned);
-// a function of its own so that the compiler does not flag every deliberate cut.
-int FormatCut(char* out, size_t size, const char* format, ...) noexcept TW_PRINTF(3, 4);
-
 // ---- head values (request_parser.cpp) ----
 // The status of a response head that has none.
 inline constexpr int32_t kNoResponseStatus = 500;

@@ -2,10 +2,10 @@
 // The status line and header lines of every response, composed in one buffer and sent at once.
 #include "http/response_header.h"
 
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
+#include "base/fixed_text.h"
 #include "http/hooks.h"
 #include "http/mime_table.h"
 #include "http/registry.h"
@@ -160,104 +160,109 @@ void ApplyPriority(int32_t socket, SocketPriority priority) noexcept {
   }
 }
 
-}  // namespace
+// The steps of ComposeResponseHeader, in the order it runs them. Each writes one part of the head
+// into its work buffer; the order matters where a step changes what a later step reads.
 
-const ResponseEnvironment& LiveEnvironment() noexcept {
-  static constexpr ResponseEnvironment kLive = {
-      upnp_client_db_needs_1_0_response, upnp_client_db_redsonic_compliant,
-      upnp_client_db_DLNA_version, upnp_date_getGMT, DtcpPort};
-  return kLive;
-}
-
-void AddHeaderLines(HttpRequest& request, const char* lines) noexcept {
-  char* buffer = request.extra_headers;
-  constexpr size_t kSize = sizeof(request.extra_headers);
-  buffer[kSize - 1] = '\0';
-  size_t used = std::strlen(buffer);
-  size_t length = std::strlen(lines);
-  if (length > kSize - 1 - used) length = kSize - 1 - used;
-  std::memmove(buffer + used, lines, length);
-  buffer[used + length] = '\0';
-}
-
-bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPriority* priority,
-                           const ResponseEnvironment& env) {
-  if (priority != nullptr) *priority = SocketPriority::kNone;
-  WorkBuffers work;
-  if (!work.ok()) return false;
-  // Records filled by hand may lack terminators; the readers below rely on them.
+// Records filled by hand may lack terminators; every later step reads these fields as C strings.
+void TerminateRequestTexts(HttpRequest& r) noexcept {
   r.header[sizeof(r.header) - 1] = '\0';
   r.url[sizeof(r.url) - 1] = '\0';
   r.extra_headers[sizeof(r.extra_headers) - 1] = '\0';
-  const char* head = r.header;
+}
 
-  char date[kDateSize] = "";
-  env.date_now(date, sizeof(date));
-  const bool answer_as_10 = r.http_version == kHttp10 && env.needs_1_0_response(r.client_id) != 0;
-  const char* version = answer_as_10 ? "HTTP/1.0 " : "HTTP/1.1 ";
+// Last-Modified line of the file being sent (empty without one); reads nothing the others change.
+void WriteLastModified(const HttpRequest& r, char* out) noexcept {
+  out[0] = '\0';
+  if (r.file_cache == nullptr || r.file_cache->modification_time == 0) return;
+  char when[kDateSize] = "";
+  upnp_date_formatGMT(r.file_cache->modification_time, when, sizeof(when));
+  FormatCut(out, kLineSize, "Last-Modified: %s\r\n", when);
+}
 
-  work.last_modified[0] = '\0';
-  if (r.file_cache != nullptr && r.file_cache->modification_time != 0) {
-    char when[kDateSize] = "";
-    upnp_date_formatGMT(r.file_cache->modification_time, when, sizeof(when));
-    FormatCut(work.last_modified, kLineSize, "Last-Modified: %s\r\n", when);
-  }
-
+// The status that goes out: refusals turn a 200 into an error before any line depends on it.
+int32_t StatusAfterChecks(HttpRequest& r, int32_t status, const ResponseEnvironment& env) noexcept {
   if (std::strstr(r.url, "com.awox.transcode") != nullptr && status == kStatusOk) {
     // Transcoding requests of that family are refused as not found, deliberately.
     r.content_length = 0;
-    status = kStatusNotFound;
-  } else if (status == kStatusOk) {
-    status = CheckDlnaRequest(head, env.dlna_version(r.client_id));
+    return kStatusNotFound;
   }
+  if (status == kStatusOk) return CheckDlnaRequest(r.header, env.dlna_version(r.client_id));
+  return status;
+}
 
+struct StatusChoice {
+  std::string_view text;  // the status text of the status line
+  const char* mime;       // the handler's type, or the one an error page forces
+};
+
+// Status text and the type it forces; before the range step, which may replace the text.
+StatusChoice ChooseStatus(HttpRequest& r, int32_t status, bool answer_as_10) noexcept {
   const StatusText* entry = FindStatus(status);
-  std::string_view text = entry != nullptr ? entry->text : kOk;
-  const char* mime = entry != nullptr && entry->forces_html ? kHtmlType : r.mime_type;
+  StatusChoice choice = {entry != nullptr ? entry->text : kOk,
+                         entry != nullptr && entry->forces_html ? kHtmlType : r.mime_type};
   if (status == kStatusRangeNotSatisfiable && answer_as_10) {
     // Those clients cannot cope with 416; they get a not-found and a closed connection.
     r.close_connection = 1;
-    text = kNotFound;
+    choice.text = kNotFound;
   }
+  return choice;
+}
 
-  work.range[0] = '\0';
-  if (status == kStatusPartial) {
-    if (upnp_istrstr(head, "TimeSeekRange") == nullptr || std::strstr(head, "Range:") != nullptr) {
-      WriteRangeLine(r, false, work.range);
-      text = kPartialContent;
-    } else {
-      // A time-seek answer is a full 200 whose TimeSeekRange line says what it holds.
-      text = kOk;
-      if (r.duration_ms > 0) WriteRangeLine(r, true, work.range);
-    }
+// Range line of a 206, returning the text the status line must carry; so it runs before that.
+std::string_view WriteRangeFor(const HttpRequest& r, int32_t status, std::string_view text,
+                               char* out) noexcept {
+  out[0] = '\0';
+  if (status != kStatusPartial) return text;
+  if (upnp_istrstr(r.header, "TimeSeekRange") == nullptr ||
+      std::strstr(r.header, "Range:") != nullptr) {
+    WriteRangeLine(r, false, out);
+    return kPartialContent;
   }
-  FormatCut(work.status_line, kLineSize, "%s%.*s", version, static_cast<int>(text.size()),
-            text.data());
+  // A time-seek answer is a full 200 whose TimeSeekRange line says what it holds.
+  if (r.duration_ms > 0) WriteRangeLine(r, true, out);
+  return kOk;
+}
 
-  if (mime == nullptr) {
-    upnp_log_err_impl(UPNP_LOG_HTTP, "HTTP_send_header NO MIME TYPE given!\n%s", r.url);
-    mime = kOctetStream;
-  }
-  char pcm_parameters[kLineSize] = "";
-  if (std::strcmp(mime, "audio/L16") == 0) {
-    const char* rate = std::strstr(r.url, "rate");
-    const char* channels = std::strstr(r.url, "channels");
-    FormatCut(pcm_parameters, sizeof(pcm_parameters), ";rate=%d;channels=%d",
-              rate != nullptr ? Atoi(rate + 4) : 0, channels != nullptr ? Atoi(channels + 8) : 0);
-  }
+// Status line "HTTP/1.x <text>"; the short forms of WriteHead turn it into 1.0 afterwards.
+void WriteStatusLine(bool answer_as_10, std::string_view text, char* out) noexcept {
+  const char* version = answer_as_10 ? "HTTP/1.0 " : "HTTP/1.1 ";
+  FormatCut(out, kLineSize, "%s%.*s", version, static_cast<int>(text.size()), text.data());
+}
 
+// Type to announce, once ChooseStatus forced any: a missing one is logged and made binary.
+const char* MimeOrDefault(const HttpRequest& r, const char* mime) noexcept {
+  if (mime != nullptr) return mime;
+  upnp_log_err_impl(UPNP_LOG_HTTP, "HTTP_send_header NO MIME TYPE given!\n%s", r.url);
+  return kOctetStream;
+}
+
+// ";rate=..;channels=.." that raw PCM (audio/L16) needs behind its type; needs the final type.
+void WritePcmParameters(const HttpRequest& r, const char* mime, char (&out)[kLineSize]) noexcept {
+  out[0] = '\0';
+  if (std::strcmp(mime, "audio/L16") != 0) return;
+  const char* rate = std::strstr(r.url, "rate");
+  const char* channels = std::strstr(r.url, "channels");
+  FormatCut(out, sizeof(out), ";rate=%d;channels=%d", rate != nullptr ? Atoi(rate + 4) : 0,
+            channels != nullptr ? Atoi(channels + 8) : 0);
+}
+
+// Content-Length line; first switches an unknown-length DLNA stream to the form WriteHead closes.
+void WriteContentLength(HttpRequest& r, char* out) noexcept {
   if (r.dlna_version != 0 && r.content_length == kUnknownStreamLength) {
-    // Unknown length: sent in the unknown-length form below, ended by closing the connection.
+    // Unknown length: WriteHead sends the unknown-length form, ended by closing the connection.
     r.content_length = -1;
     r.close_connection = 1;
   }
-  work.content_length[0] = '\0';
+  out[0] = '\0';
   if (r.content_length >= 0 && r.chunked == 0) {
     char length[kNumberSize];
-    FormatCut(work.content_length, kLineSize, "Content-Length: %s\r\n",
-              Number(r.content_length, length).data());
+    FormatCut(out, kLineSize, "Content-Length: %s\r\n", Number(r.content_length, length).data());
   }
+}
 
+// DLNA, transfer-mode and DTCP lines into extra_headers, then the host's handlers, which see them.
+SocketPriority AddExtraLines(HttpRequest& r) noexcept {
+  const char* head = r.header;
   if (upnp_istrstr(head, "\ngetContentFeatures.dlna.org:") != nullptr) {
     char line[kContentFeaturesLineSize];
     ContentFeaturesLine(r.url, line);
@@ -269,29 +274,38 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
               r.duration_ms / 1000, r.duration_ms % 1000);
     AddHeaderLines(r, line);
   }
-  TransferMode mode = SelectTransferMode(head);
+  const TransferMode mode = SelectTransferMode(head);
   if (mode.line != nullptr) AddHeaderLines(r, mode.line);
-  if (priority != nullptr) *priority = mode.priority;
   if (r.dtcp_protected != 0) AddHeaderLines(r, "Pragma: no-cache\r\nCache-control: no-cache\r\n");
   for (const HeaderHandlerNode* node = HeaderHandlers(); node != nullptr; node = node->next) {
     if (node->handler != nullptr) node->handler(&r);
   }
   r.extra_headers[sizeof(r.extra_headers) - 1] = '\0';
+  return mode.priority;
+}
 
+// Content-Type value (DTCP form for protected reads); after the handlers, which may set DTCP.
+void WriteContentType(const HttpRequest& r, const char* mime, const char* pcm_parameters,
+                      const ResponseEnvironment& env, char* out) noexcept {
   if (r.dtcp_protected != 0 && (r.method == HTTP_METHOD_GET || r.method == HTTP_METHOD_HEAD)) {
     char host[kLineSize];
     HostOfBaseUrl(r.base_url, host, sizeof(host));
-    FormatCut(work.content_type, kLineSize,
+    FormatCut(out, kLineSize,
               "application/x-dtcp1;DTCP1HOST=%s;DTCP1PORT=%d;CONTENTFORMAT=\"%s\"%s", host,
               env.dtcp_port(), mime, pcm_parameters);
   } else {
-    FormatCut(work.content_type, kLineSize, "%s%s", mime, pcm_parameters);
+    FormatCut(out, kLineSize, "%s%s", mime, pcm_parameters);
   }
+}
 
+// Joins the parts in one of three forms, returning the length; last, as handlers change the
+// request.
+size_t WriteHead(const HttpRequest& r, const ResponseEnvironment& env, const char* date,
+                 const WorkBuffers& work) noexcept {
   const char* transfer_encoding = r.chunked != 0 ? "Transfer-Encoding: chunked\r\n" : "";
   int length;
   bool force_10;
-  if (env.redsonic_compliant(r.client_id) != 0 && std::strstr(head, "redsonic") != nullptr) {
+  if (env.redsonic_compliant(r.client_id) != 0 && std::strstr(r.header, "redsonic") != nullptr) {
     // "Accept-Range: 0 bytes" (sic) is what these clients expect.
     length = FormatCut(work.header, kResponseHeaderSize,
                        "%s\r\nContent-Type: %s\r\n%sAccept-Range: 0 bytes\r\n"
@@ -318,7 +332,51 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
   // Both short forms always go out with an HTTP/1.0 status line: the body ends with the
   // connection (or the client is one that wants 1.0 anyway).
   if (force_10 && length > 7) work.header[7] = '0';
-  out->assign(work.header, static_cast<size_t>(length));
+  return static_cast<size_t>(length);
+}
+
+}  // namespace
+
+const ResponseEnvironment& LiveEnvironment() noexcept {
+  static constexpr ResponseEnvironment kLive = {
+      upnp_client_db_needs_1_0_response, upnp_client_db_redsonic_compliant,
+      upnp_client_db_DLNA_version, upnp_date_getGMT, DtcpPort};
+  return kLive;
+}
+
+void AddHeaderLines(HttpRequest& request, const char* lines) noexcept {
+  char* buffer = request.extra_headers;
+  constexpr size_t kSize = sizeof(request.extra_headers);
+  buffer[kSize - 1] = '\0';
+  size_t used = std::strlen(buffer);
+  size_t length = std::strlen(lines);
+  if (length > kSize - 1 - used) length = kSize - 1 - used;
+  std::memmove(buffer + used, lines, length);
+  buffer[used + length] = '\0';
+}
+
+bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPriority* priority,
+                           const ResponseEnvironment& env) {
+  if (priority != nullptr) *priority = SocketPriority::kNone;
+  WorkBuffers work;
+  if (!work.ok()) return false;
+  TerminateRequestTexts(r);
+  char date[kDateSize] = "";
+  env.date_now(date, sizeof(date));
+  const bool answer_as_10 = r.http_version == kHttp10 && env.needs_1_0_response(r.client_id) != 0;
+  WriteLastModified(r, work.last_modified);
+  status = StatusAfterChecks(r, status, env);
+  StatusChoice choice = ChooseStatus(r, status, answer_as_10);
+  choice.text = WriteRangeFor(r, status, choice.text, work.range);
+  WriteStatusLine(answer_as_10, choice.text, work.status_line);
+  const char* mime = MimeOrDefault(r, choice.mime);
+  char pcm_parameters[kLineSize];
+  WritePcmParameters(r, mime, pcm_parameters);
+  WriteContentLength(r, work.content_length);
+  const SocketPriority asked = AddExtraLines(r);
+  if (priority != nullptr) *priority = asked;
+  WriteContentType(r, mime, pcm_parameters, env, work.content_type);
+  out->assign(work.header, WriteHead(r, env, date, work));
   return true;
 }
 

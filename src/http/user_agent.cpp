@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "platform/critical_section.h"
 #include "tarnwick/platform.h"
 
@@ -20,14 +21,6 @@ struct UserAgentState {
 UserAgentState& State() noexcept {
   static UserAgentState state;
   return state;
-}
-
-void CopyCut(char* out, size_t size, const char* text) noexcept {
-  if (size == 0) return;
-  size_t n = std::strlen(text);
-  if (n > size - 1) n = size - 1;
-  std::memcpy(out, text, n);
-  out[n] = '\0';
 }
 
 }  // namespace

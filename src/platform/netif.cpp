@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "platform/log_hook.h"
 #include "tarnwick/platform.h"
 
@@ -127,7 +128,7 @@ TW_API int32_t upnp_get_interfaces(int32_t* count_out, char (*table)[UPNP_ADDRES
   if (table != nullptr && max > 0) {
     if (selection != nullptr && selection[0] != '\0') {
       // An explicit selection is trusted as given; the host may name an address not yet up.
-      std::snprintf(table[0], UPNP_ADDRESS_TEXT_SIZE, "%s", selection);
+      tw::CopyCut(table[0], UPNP_ADDRESS_TEXT_SIZE, selection);
       count = 1;
     } else {
       const int32_t slots = max < kMaxEnumerated ? max : kMaxEnumerated;

@@ -11,10 +11,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include "base/fixed_text.h"
 #include "platform/log_hook.h"
 #include "tarnwick/platform.h"
 
@@ -346,7 +346,7 @@ TW_API int32_t upnp_gethostbyname(const char* name, char* out) noexcept {
     if (results != nullptr) freeaddrinfo(results);
   }
   if (!resolved) {
-    std::snprintf(out, UPNP_ADDRESS_TEXT_SIZE, "%s", kLoopback);
+    tw::CopyCut(out, UPNP_ADDRESS_TEXT_SIZE, kLoopback);
     tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
                       "upnp_gethostbyname cannot get IP of %s, return local IP ",
                       name != nullptr ? name : "");

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/ascii.h"
+#include "base/calendar.h"
 #include "platform/log_hook.h"
 #include "platform/time_internal.h"
 #include "tarnwick/platform.h"
@@ -22,11 +24,6 @@ namespace {
 
 constexpr int64_t kSecondsPerDay = 86400;
 constexpr int32_t kOffsetUnknown = 1;
-constexpr const char* kDayNames[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr const char* kMonthNames[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-static_assert(sizeof(kDayNames) / sizeof(kDayNames[0]) == 7);
-static_assert(sizeof(kMonthNames) / sizeof(kMonthNames[0]) == 12);
 
 pthread_once_t g_tz_once = PTHREAD_ONCE_INIT;
 void InitTimeZone() { tzset(); }
@@ -86,7 +83,7 @@ int64_t FloorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0
 int DigitsValue(const char*& p, int64_t* value) {
   int digits = 0;
   int64_t v = 0;
-  while (*p >= '0' && *p <= '9') {
+  while (ascii::IsDigit(*p)) {
     if (v < (int64_t{1} << 40)) v = v * 10 + (*p - '0');  // bounded: absurd inputs saturate
     ++p;
     ++digits;

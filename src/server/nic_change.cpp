@@ -3,9 +3,9 @@
 // is set, the interfaces are enumerated again and compared with the served ones by text; a new
 // count or a vanished address restarts the servers.
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "server/server_core.h"
 #include "tarnwick/config.h"
 #include "tarnwick/log.h"
@@ -67,7 +67,7 @@ void CheckNicChange(int64_t now) noexcept {
   // Start serves the loopback address when nothing is found; compare with what it would serve,
   // or a machine without interfaces would restart on every check.
   if (found_count == 0) {
-    std::snprintf(found[0], sizeof(found[0]), "%s", core::kLoopbackAddress);
+    CopyCut(found[0], sizeof(found[0]), core::kLoopbackAddress);
     found_count = 1;
   }
   const int32_t count = core::InterfaceCount();

@@ -3,9 +3,9 @@
 // optionally a remote-access socket, and the SSDP listener and heartbeat threads; the searches
 // at the end of a start. Threads are detached and end by themselves (see server_core.h).
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "http/connection.h"
 #include "server/server_core.h"
 #include "tarnwick/config.h"
@@ -193,7 +193,7 @@ void Start(int32_t* state) noexcept {
   char table[core::kMaxInterfaces][core::kAddressSize] = {};
   int32_t count = EnumerateInterfaces(table);
   if (count == 0) {
-    std::snprintf(table[0], sizeof(table[0]), "%s", core::kLoopbackAddress);
+    CopyCut(table[0], sizeof(table[0]), core::kLoopbackAddress);
     count = 1;
   }
   core::PublishInterfaces(table, count);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "base/fixed_text.h"
 #include "ssdp/ssdp_internal.h"
 #include "tarnwick/config.h"
 #include "tarnwick/log.h"
@@ -41,7 +42,7 @@ class Heartbeat {
 
   void Run() noexcept {
     const char* directory = upnp_ini_file_getString(UPNP_INI_KEY_APPDATA);
-    std::snprintf(directory_, sizeof(directory_), "%s", directory != nullptr ? directory : "");
+    CopyCut(directory_, sizeof(directory_), directory != nullptr ? directory : "");
     g_shutdown.store(0);
     if (!OpenSocket()) return;
 

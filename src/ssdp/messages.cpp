@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Every SSDP datagram the library sends: NOTIFY alive and byebye, search answers and the
 // M-SEARCH requests, with the device roles and the entries each role announces.
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
+#include "base/fixed_text.h"
 #include "ssdp/ssdp_internal.h"
 #include "tarnwick/core.h"
 #include "tarnwick/log.h"
@@ -145,16 +144,6 @@ constexpr std::string_view kSearchTexts[] = {
 static_assert(sizeof(kSearchTexts) / sizeof(kSearchTexts[0]) ==
               static_cast<size_t>(Search::kGatewayMx10) + 1);
 
-// Formats into a fixed buffer. Longer texts are cut silently: USNs and packets have always been
-// limited to their buffers, and receivers never see more than that.
-__attribute__((format(printf, 3, 4))) void FormatCut(char* out, size_t size, const char* format,
-                                                     ...) noexcept {
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(out, size, format, args);
-  va_end(args);
-}
-
 const char* OrEmpty(const char* text) noexcept { return text != nullptr ? text : ""; }
 
 const char* EntryType(std::string_view entry) noexcept {
@@ -164,7 +153,7 @@ const char* EntryType(std::string_view entry) noexcept {
 // The USN: the UDN alone for the UDN entry, else "<udn>::<type>"; cut at the packet size.
 void FormatUsn(char (&usn)[kPacketSize], const char* udn, const char* type) noexcept {
   if (type == nullptr) {
-    FormatCut(usn, sizeof(usn), "%s", udn);
+    CopyCut(usn, sizeof(usn), udn);
   } else {
     FormatCut(usn, sizeof(usn), "%s::%s", udn, type);
   }
@@ -189,6 +178,7 @@ int32_t SendPacket(Packet kind, const char* dest_addr, int32_t dest_port, int32_
   FormatUsn(usn, udn, type);
   const char* nt = type != nullptr ? type : udn;
   const unsigned beat = BeatTime();
+  // Packets are cut at their buffer, as they always have been; receivers never see more.
   char packet[kPacketSize];
   if (kind == Packet::kAlive) {
     FormatCut(packet, sizeof(packet),

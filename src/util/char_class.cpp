@@ -4,13 +4,15 @@
 #include <array>
 #include <cstddef>
 
+#include "base/ascii.h"
+
 namespace tw::util {
 namespace {
 
 constexpr std::array<unsigned char, 256> MakeLowerTable() {
   std::array<unsigned char, 256> t{};
   for (std::size_t i = 0; i < t.size(); ++i) {
-    t[i] = static_cast<unsigned char>(i >= 'A' && i <= 'Z' ? i + ('a' - 'A') : i);
+    t[i] = static_cast<unsigned char>(ascii::ToLower(static_cast<int>(i)));
   }
   return t;
 }
@@ -21,7 +23,7 @@ constexpr std::array<unsigned char, 257> MakeUpperTable() {
   std::array<unsigned char, 257> t{};
   t[0] = 0;
   for (std::size_t i = 0; i < 256; ++i) {
-    t[i + 1] = static_cast<unsigned char>(i >= 'a' && i <= 'z' ? i - ('a' - 'A') : i);
+    t[i + 1] = static_cast<unsigned char>(ascii::ToUpper(static_cast<int>(i)));
   }
   return t;
 }
@@ -43,10 +45,6 @@ constexpr auto kUpperTable = MakeUpperTable();
 static_assert(kLowerTable['Q'] == 'q' && kLowerTable[0xC4] == 0xC4);
 static_assert(kUpperTable[0] == 0 && kUpperTable['q' + 1] == 'Q');
 
-constexpr bool IsAsciiAlnum(int c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-}
-
 }  // namespace
 
 int ToLower(int c) noexcept {
@@ -64,7 +62,7 @@ bool IsWhiteSpace(int c) noexcept {
   return kWhiteTable[static_cast<std::size_t>(c - kWhiteFirst)];
 }
 
-bool IsNameChar(int c) noexcept { return IsAsciiAlnum(c) || c == '-' || c == '.' || c == '_'; }
+bool IsNameChar(int c) noexcept { return ascii::IsAlnum(c) || c == '-' || c == '.' || c == '_'; }
 
 bool IsValueChar(int c) noexcept { return IsNameChar(c) || c == '+' || c == ',' || c == '/'; }
 

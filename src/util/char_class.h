@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "base/ascii.h"
+
 namespace tw::util {
 
 // Case mapping of a byte value 0..255; ToUpper also maps -1 (end of input) to 0. Values the
@@ -23,9 +25,6 @@ uint32_t ValueEnd(const char* p) noexcept;
 
 // Lower-cased byte of a possibly signed char; the same mapping as ToLower, kept inline because
 // the case-insensitive searches run it on every byte of a request head.
-inline int FoldByte(char c) noexcept {
-  const unsigned u = static_cast<unsigned char>(c);
-  return u - 'A' < 26u ? static_cast<int>(u + ('a' - 'A')) : static_cast<int>(u);
-}
+inline int FoldByte(char c) noexcept { return ascii::ToLower(static_cast<unsigned char>(c)); }
 
 }  // namespace tw::util

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "tarnwick/util.h"
 #include "util/helpers.h"
 
@@ -15,18 +16,11 @@ namespace {
 constexpr std::string_view kFlagsKey = "DLNA.ORG_FLAGS=";
 constexpr size_t kFlagDigits = 8;
 
-int HexValue(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 // One byte as "%02X" scans it: up to two hex digits; no digit at all leaves 0.
 uint32_t ScanHexByte(const char* p) noexcept {
-  const int high = HexValue(p[0]);
+  const int high = ascii::HexDigitValue(p[0]);
   if (high < 0) return 0;
-  const int low = HexValue(p[1]);
+  const int low = ascii::HexDigitValue(p[1]);
   if (low < 0) return static_cast<uint32_t>(high);
   return static_cast<uint32_t>(high * 16 + low);
 }
@@ -61,7 +55,7 @@ char* FindDlnaFlagDigits(const char* text) noexcept {
   const char* digits = key != nullptr ? key + kFlagsKey.size() : text;
   // Requiring a decimal first digit also refuses values starting with A..F; that is intended,
   // the primary flags always start with a small digit in practice and the check is cheap.
-  if (digits[0] < '0' || digits[0] > '9') return nullptr;
+  if (!ascii::IsDigit(digits[0])) return nullptr;
   if (std::strlen(digits) < kFlagDigits) return nullptr;
   return const_cast<char*>(digits);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "platform/allocator.h"
 #include "tarnwick/platform.h"
 #include "util/char_class.h"
@@ -152,9 +153,7 @@ char* EncodeBase64Tail(const Byte* tail, std::size_t left, bool pad_two_byte_tai
 // '/' are escaped while '$', ':', '?' and '@' are not.
 constexpr std::array<bool, 256> MakeUrlLiteral() {
   std::array<bool, 256> t{};
-  for (int c = '0'; c <= '9'; ++c) t[c] = true;
-  for (int c = 'A'; c <= 'Z'; ++c) t[c] = true;
-  for (int c = 'a'; c <= 'z'; ++c) t[c] = true;
+  for (int c = 0; c < 256; ++c) t[c] = ascii::IsAlnum(c);
   for (char c : std::string_view("$.:?@_")) t[static_cast<Byte>(c)] = true;
   return t;
 }
@@ -343,10 +342,9 @@ char* Utf16ToUtf8(const uint8_t* units) noexcept {
 }
 
 int HexValue(int c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return 0;
+  // 0 rather than -1 for a non-hex byte: hexchar_to_i and URL decoding have always read it so.
+  const int value = ascii::HexDigitValue(c);
+  return value >= 0 ? value : 0;
 }
 
 uint64_t HexToNumber(const char* text, int32_t max_digits) noexcept {
@@ -354,9 +352,9 @@ uint64_t HexToNumber(const char* text, int32_t max_digits) noexcept {
   uint64_t value = 0;
   for (int32_t i = 0; i < max_digits; ++i) {
     const int c = static_cast<Byte>(text[i]);
-    const bool digit = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
-    if (!digit) break;
-    value = value << 4 | static_cast<uint64_t>(HexValue(c));
+    const int digit = ascii::HexDigitValue(c);
+    if (digit < 0) break;
+    value = value << 4 | static_cast<uint64_t>(digit);
   }
   return value;
 }

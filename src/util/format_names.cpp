@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "tarnwick/util.h"
 #include "util/helpers.h"
 
@@ -15,8 +16,6 @@ constexpr uint32_t kEmbeddedUrlCapacity = 255;
 // An extension is appended only when shorter than this; it is stripped when at most 3 long.
 constexpr size_t kMaxAppendedExtension = 5;
 constexpr size_t kMaxStrippedExtension = 3;
-
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 char* ReplaceEach(const char* text, std::string_view bad) noexcept {
   char* copy = DupToC(text);
@@ -94,10 +93,10 @@ const char* ExtractIpAddress(const char* text, uint32_t* offset, uint32_t* lengt
   *offset = 0;
   *length = 0;
   const char* start = text;
-  while (*start != '\0' && !IsDigit(*start)) ++start;
+  while (*start != '\0' && !ascii::IsDigit(*start)) ++start;
   if (*start == '\0') return nullptr;
   size_t run = 0;
-  while (IsDigit(start[run]) || start[run] == '.') ++run;
+  while (ascii::IsDigit(start[run]) || start[run] == '.') ++run;
   while (start[run - 1] == '.') --run;  // the run starts with a digit, so this stops there
   *offset = static_cast<uint32_t>(start - text);
   *length = static_cast<uint32_t>(run);

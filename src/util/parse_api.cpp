@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "tarnwick/util.h"
 #include "util/helpers.h"
 
@@ -11,13 +12,9 @@ namespace {
 
 // ASCII-only, like every case mapping of this library: no locale can change the answer.
 int CompareIgnoringCase(const char* a, const char* b) noexcept {
-  auto lower = [](char c) {
-    const auto u = static_cast<unsigned char>(c);
-    return u >= 'A' && u <= 'Z' ? u + ('a' - 'A') : static_cast<unsigned>(u);
-  };
   for (;; ++a, ++b) {
-    const unsigned x = lower(*a);
-    const unsigned y = lower(*b);
+    const int x = tw::ascii::ToLower(static_cast<unsigned char>(*a));
+    const int y = tw::ascii::ToLower(static_cast<unsigned char>(*b));
     if (x != y) return x < y ? -1 : 1;
     if (x == 0) return 0;
   }

@@ -4,12 +4,11 @@
 #include <climits>
 #include <cstdint>
 
+#include "base/ascii.h"
 #include "util/helpers.h"
 
 namespace tw::util {
 namespace {
-
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 // The white space atoi skips (isspace in the C locale), without consulting the locale.
 bool IsAtoiSpace(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -19,7 +18,7 @@ bool IsAtoiSpace(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r');
 uint64_t ReadDecimal(const char* text, int32_t* digits) noexcept {
   uint64_t value = 0;
   int32_t count = 0;
-  for (const char* p = text; IsDigit(*p); ++p) {
+  for (const char* p = text; ascii::IsDigit(*p); ++p) {
     value = value * 10u + static_cast<uint64_t>(*p - '0');
     if (count < INT32_MAX) ++count;
   }
@@ -51,7 +50,7 @@ int32_t Atoi(const char* text) noexcept {
   }
   // Saturate instead of wrapping: a huge hour count stays huge rather than turning negative.
   int64_t value = 0;
-  for (; IsDigit(*p); ++p) {
+  for (; ascii::IsDigit(*p); ++p) {
     value = value * 10 + (*p - '0');
     if (value > static_cast<int64_t>(INT32_MAX) + 1) value = static_cast<int64_t>(INT32_MAX) + 1;
   }

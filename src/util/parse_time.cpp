@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/ascii.h"
+#include "base/fixed_text.h"
 #include "tarnwick/platform.h"
 #include "util/helpers.h"
 
@@ -14,8 +16,6 @@ constexpr int64_t kMsPerHour = 3600000;
 constexpr int64_t kMsPerMinute = 60000;
 constexpr int64_t kMsPerSecond = 1000;
 
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
-
 int32_t Clamp(int32_t value, int32_t max) noexcept {
   if (value < 0) return 0;
   return value > max ? max : value;
@@ -23,7 +23,7 @@ int32_t Clamp(int32_t value, int32_t max) noexcept {
 
 // Two digits at p (both required), or -1.
 int TwoDigits(const char* p) noexcept {
-  if (!IsDigit(p[0]) || !IsDigit(p[1])) return -1;
+  if (!ascii::IsDigit(p[0]) || !ascii::IsDigit(p[1])) return -1;
   return (p[0] - '0') * 10 + (p[1] - '0');
 }
 
@@ -102,7 +102,7 @@ void ScrubResDuration(char* text, char* buffer) noexcept {
 
 bool DateIsValid(const char* text) noexcept {
   for (int i = 0; i < 4; ++i) {
-    if (!IsDigit(text[i])) return false;
+    if (!ascii::IsDigit(text[i])) return false;
   }
   if (text[4] != '-') return false;
   const int month = TwoDigits(text + 5);
@@ -116,10 +116,7 @@ void Iso8601ToRfc822(char* buffer, size_t size) noexcept {
   const int64_t seconds = upnp_convert_date_time_string_to_numeric(buffer);
   char formatted[64] = {};
   upnp_date_formatGMT(seconds, formatted, sizeof(formatted));
-  const size_t length = std::strlen(formatted);
-  const size_t copy = length < size - 1 ? length : size - 1;
-  std::memcpy(buffer, formatted, copy);
-  buffer[copy] = '\0';
+  CopyCut(buffer, size, formatted);
 }
 
 }  // namespace tw::util

@@ -8,18 +8,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/ascii.h"
+
 namespace tw::util {
 namespace {
 
 constexpr size_t kPrefixLength = 3;  // "::" and the key digit
 constexpr char kUpperHex[] = "0123456789ABCDEF";
-
-int HexValue(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
 
 }  // namespace
 
@@ -56,14 +51,14 @@ void Unscramble(const char* text, size_t text_length, char* out, size_t out_size
   if (count > out_size) count = out_size;
   if (count == 0) return;
   // Scrambled texts always carry a digit here; anything else reads as -1, kept arithmetic-safe.
-  const int64_t key = HexValue(text[2]);
+  const int64_t key = ascii::HexDigitValue(text[2]);
   const auto n = static_cast<int64_t>(count);
   const int64_t shift = key % n;
   for (int64_t i = 0; i < n; ++i) out[i] = text[kPrefixLength + ((n - shift + i) % n)];
   size_t j = 0;
   for (; 2 * j + 1 < count; ++j) {
-    const int high = HexValue(out[2 * j]);
-    const int low = HexValue(out[2 * j + 1]);
+    const int high = ascii::HexDigitValue(out[2 * j]);
+    const int low = ascii::HexDigitValue(out[2 * j + 1]);
     const int64_t value = 16 * (high < 0 ? 0 : high) + (low < 0 ? 0 : low);
     out[j] = static_cast<char>(static_cast<uint8_t>((value + 256 - key) % 256));
     out[j + 1] = '\0';

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries: string scrambling.
-#include <cstdio>
 #include <cstring>
 
+#include "base/fixed_text.h"
 #include "tarnwick/util.h"
 #include "util/scramble.h"
 
@@ -14,7 +14,7 @@ TW_API void upnp_string_encrypt(const char* plain, char* out, size_t out_size) n
   if (plain[0] == '\0') return;
   // Already scrambled: copied as it is, so scrambling twice changes nothing.
   if (std::strncmp(plain, "::", 2) == 0) {
-    std::snprintf(out, out_size, "%s", plain);
+    tw::CopyCut(out, out_size, plain);
     return;
   }
   tw::util::ScrambleWithKey(plain, tw::util::DrawScrambleKey(), out, out_size);
