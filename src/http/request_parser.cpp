@@ -3,10 +3,8 @@
 // substring search, not line splitting: a name inside another header's value is found too).
 #include "http/request_parser.h"
 
-#include <climits>
 #include <cstring>
 
-#include "base/ascii.h"
 #include "platform/allocator.h"
 #include "tarnwick/util.h"
 
@@ -17,10 +15,6 @@ constexpr char kContentType[] = "content-type:";
 constexpr char kContentLength[] = "content-length:";
 constexpr char kConnection[] = "connection:";
 
-bool IsAtoiSpace(char c) noexcept {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
 }  // namespace
 
 const char* SkipSpaces(const char* p) noexcept {
@@ -28,20 +22,6 @@ const char* SkipSpaces(const char* p) noexcept {
   while (*q == ' ' || *q == '\t') ++q;
   if (*q == '\r' || *q == '\0') return p;
   return q;
-}
-
-int32_t Atoi(const char* text) noexcept {
-  const char* p = text;
-  while (IsAtoiSpace(*p)) ++p;
-  bool negative = false;
-  if (*p == '+' || *p == '-') negative = *p++ == '-';
-  int64_t value = 0;
-  for (; ascii::IsDigit(*p); ++p) {
-    value = value * 10 + (*p - '0');
-    if (value > static_cast<int64_t>(INT32_MAX) + 1) value = static_cast<int64_t>(INT32_MAX) + 1;
-  }
-  if (negative) return static_cast<int32_t>(-value);
-  return value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
 }
 
 char* ContentTypeValue(const char* head) noexcept {

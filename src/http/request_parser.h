@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "tarnwick/http.h"
+#include "util/helpers.h"
 
 namespace tw::http {
 
@@ -17,9 +18,8 @@ inline constexpr int32_t kNoResponseStatus = 500;
 // Past blanks and tabs, unless only blanks stand before a CR or the end: then p itself, so an
 // empty value still points at its leading blanks.
 const char* SkipSpaces(const char* p) noexcept;
-// atoi's reading (leading white space, a sign, digits) with values beyond 32 bits clamped, so
-// the result is defined on every platform.
-int32_t Atoi(const char* text) noexcept;
+// atoi's reading with values beyond 32 bits clamped (util/helpers.h).
+using util::Atoi;
 // The "content-type:" value as a new accounted block, or null (no header, no CR LF behind it,
 // memory short).
 char* ContentTypeValue(const char* head) noexcept;
