@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -21,7 +22,7 @@ TEST(CoreGlobalLock, StaysExclusiveAndSafeWhileMadeAndDestroyed) {
   std::vector<std::thread> hosts;
   for (int t = 0; t < 4; ++t) {
     hosts.emplace_back([&] {
-      for (int i = 0; i < 200000 && !done.load(); ++i) {
+      while (!done.load()) {
         if (upnp_global_lock() != 1) continue;
         if (++inside != 1) ++overlaps;
         --inside;
@@ -30,7 +31,11 @@ TEST(CoreGlobalLock, StaysExclusiveAndSafeWhileMadeAndDestroyed) {
       }
     });
   }
-  for (int cycle = 0; cycle < 300; ++cycle) {
+  // At least 300 cycles, and on until the hosts got the lock often (bounded by a deadline).
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  for (int cycle = 0;
+       cycle < 300 || (holds.load() < 1000 && std::chrono::steady_clock::now() < deadline);
+       ++cycle) {
     tw::core::CreateGlobalLock();
     std::this_thread::yield();
     tw::core::DestroyGlobalLock();
