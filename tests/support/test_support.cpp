@@ -12,10 +12,11 @@ namespace tw::test {
 
 bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done() && std::chrono::steady_clock::now() < deadline) {
+  for (;;) {  // never asks again after a yes: done may consume what it looks at
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return done();
 }
 
 std::string HeaderValue(const std::string& head, const std::string& name) {

@@ -43,7 +43,7 @@ class LeakCheck : public ::testing::Test {
   uint32_t start_ = 0;
 };
 
-// Polls done every millisecond until it holds or limit has passed; returns its last answer.
+// Polls done every millisecond until it says yes (true) or limit has passed (false).
 // Every wait of the tests goes through here, so none can hang.
 bool WaitFor(const std::function<bool()>& done,
              std::chrono::milliseconds limit = std::chrono::seconds(10));
