@@ -345,8 +345,6 @@ bool HoldPorts(int first, int count, std::vector<int>* fds) {
   return true;
 }
 
-int32_t g_exit_code = -1;
-
 TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -360,15 +358,8 @@ TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   int32_t socket = -1;
   int32_t port = first;
   HTTP_create_server_socket(&socket, &port, "127.0.0.1");
-  EXPECT_EQ(port, first + 1000);  // the 1001st attempt
+  EXPECT_EQ(port, first + 1000);  // the 1001st attempt; a failing last one is a lifecycle test
   upnp_close_socket(&socket);
-  EXPECT_TRUE(HoldPorts(first + 1000, 1, &fds));
-  register_upnp_exit_function([](int32_t code) { g_exit_code = code; });
-  port = first;
-  HTTP_create_server_socket(&socket, &port, "127.0.0.1");
-  register_upnp_exit_function(nullptr);
-  EXPECT_EQ(socket, -1);
-  EXPECT_EQ(g_exit_code, 0);  // the critical message ended the library through the exit hook
   for (int fd : fds) close(fd);
 }
 
