@@ -124,8 +124,6 @@ class ServerLifecycle : public tw::test::LeakCheck {
   tw::test::LogCapture log_;
 };
 
-// ---- Start and stop on one interface ---------------------------------------------------------
-
 TEST_F(ServerLifecycle, StartServesHttpAndStopEndsEveryThread) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   upnp_http_register_handler(&Pong, HTTP_METHOD_GET, "/ping", 0, 0);
@@ -202,8 +200,6 @@ TEST_F(ServerLifecycle, FailingHttpSocketKeepsDiscoveryThreads) {
   // The listener was started all the same; it cannot join on such an address and ends.
   EXPECT_TRUE(WaitFor([] { return tw::server::LiveThreadsForTesting() == 0; }));
 }
-
-// ---- Several interfaces ----------------------------------------------------------------------
 
 std::vector<std::string> g_interfaces;
 int32_t FakeInterfaces(char (*table)[17], int32_t max, const char*) {
@@ -294,8 +290,6 @@ TEST_F(ServerLifecycle, RemoteAccessRecordGetsItsOwnSocket) {
                                    "127.0.0.1:" +
                                    std::to_string(local->http_port)));
 }
-
-// ---- Faults while running ----------------------------------------------------------------------
 
 TEST_F(ServerLifecycle, StopWhileRequestsAreInFlight) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
@@ -416,8 +410,6 @@ TEST_F(ServerLifecycle, GlobalLockWaitsForItsHolderAndIsGoneAfterStop) {
   upnp_global_unlock();  // nothing to leave: harmless
 }
 
-// ---- Announcements ---------------------------------------------------------------------------
-
 TEST_F(ServerLifecycle, StopLetsTheHeartbeatSayByebye) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   const std::string address = tw::test::ProcessLoopbackAddress();
@@ -430,12 +422,15 @@ TEST_F(ServerLifecycle, StopLetsTheHeartbeatSayByebye) {
   // of the media server come from the same address and are not counted.
   auto notifies = [&](const std::string& nts, size_t count, std::chrono::milliseconds limit) {
     std::vector<std::string> found;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (found.size() < count && std::chrono::steady_clock::now() < deadline) {
-      for (const auto& d : probe.Collect(1, 100ms)) {
-        if (d.text.find("\r\nNTS: " + nts + "\r\n") != std::string::npos) found.push_back(d.text);
-      }
-    }
+    WaitFor(
+        [&] {
+          for (const auto& d : probe.Collect(1, 100ms)) {
+            if (d.text.find("\r\nNTS: " + nts + "\r\n") != std::string::npos)
+              found.push_back(d.text);
+          }
+          return found.size() >= count;
+        },
+        limit);
     return found;
   };
   upnp_server_start(&g_server_running);
@@ -451,8 +446,6 @@ TEST_F(ServerLifecycle, StopLetsTheHeartbeatSayByebye) {
   EXPECT_EQ(notifies("ssdp:byebye", 11, 3s).size(), 10u)
       << "two byebye sets of five, sent before the sockets closed";
 }
-
-// ---- Repetition --------------------------------------------------------------------------------
 
 TEST_F(ServerLifecycle, HundredCyclesLeaveNoThreadDescriptorOrMemory) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();

@@ -102,8 +102,6 @@ TEST_F(NetworkMatch, LocalIpIsAnExactEntryWithinTheCount) {
   EXPECT_EQ(is_local_ip("10.0.0.3"), 0) << "entries past the count do not count";
 }
 
-// ---- Peer MAC lookup ---------------------------------------------------------------------------
-
 // Interfaces answer with an all-zero address, which does not count, except on the planned call.
 int g_answer_on_call = -1, g_arp_calls = 0;
 bool PlannedArp(const char*, int32_t index, uint8_t mac[6]) {
