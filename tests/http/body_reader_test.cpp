@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
 #include "http/http_test_util.h"
 
 namespace {

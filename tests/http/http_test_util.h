@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the HTTP tests share: requests, response heads and the HTTP log.
+// What the HTTP tests share: accounted requests.
 #pragma once
 
 #include <memory>

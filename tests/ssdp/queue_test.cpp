@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-
 #include "ssdp/ssdp_fixture.h"
 
 namespace tw::test {

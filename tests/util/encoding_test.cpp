@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-
 #include "support/test_support.h"
+
 namespace {
 
 using tw::test::Owned;
