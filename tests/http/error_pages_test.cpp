@@ -35,7 +35,6 @@ class HttpErrorPages : public tw::test::LeakCheck {
     HTTP_set_access_restriced_message(nullptr, nullptr);
     http_server_set_tls_callbacks(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                   nullptr);
-    tw::platform::ClearAllocFailure();
     LeakCheck::TearDown();
   }
 };

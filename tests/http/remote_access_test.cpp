@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/remote_access.h"
 
-#include <tuple>
-
 #include "http/http_test_util.h"
 
 namespace {
@@ -26,13 +24,7 @@ std::string SetParameter(const char* url, const char* name, const char* value) {
   return Take(HTTP_set_url_parameter(upnp_string_create(url, 0), name, value));
 }
 
-class HttpRemoteAccess : public tw::test::LeakCheck {
- protected:
-  void TearDown() override {
-    tw::platform::ClearAllocFailure();
-    LeakCheck::TearDown();
-  }
-};
+class HttpRemoteAccess : public tw::test::LeakCheck {};
 
 TEST_F(HttpRemoteAccess, EveryLinkPatternCarriesTheSessionWithItsSeparator) {
   const auto request = RemoteRequest("RAMSessionID=T");
@@ -64,17 +56,14 @@ TEST_F(HttpRemoteAccess, EveryLinkPatternCarriesTheSessionWithItsSeparator) {
 TEST_F(HttpRemoteAccess, RewriteUnderMemoryShortageNeverLeaks) {
   const auto request = RemoteRequest("RAMSessionID=T");
   const std::string full = "<a href=\"/a?RAMSessionID=T\">RAMSessionID=T";
-  bool complete = false;
-  for (int n = 0; n < 64 && !complete; ++n) {
-    tw::platform::FailAllocAfter(n);
-    const std::string out = Rewrite(*request, "<a href=\"/a\"><!-- TOKEN -->");
-    complete = !tw::platform::AllocFailureFired();
-    tw::platform::ClearAllocFailure();
-    // Either the whole rewrite, the token step alone, or nothing when even that failed.
-    EXPECT_TRUE(out == full || out == "<a href=\"/a\">RAMSessionID=T" || out == "<null>")
-        << n << ": " << out;
-  }
-  EXPECT_TRUE(complete);
+  tw::test::ForEachAllocFailure(
+      [&] { return Rewrite(*request, "<a href=\"/a\"><!-- TOKEN -->"); },
+      [&](const std::string& out, bool failed) {
+        // The whole rewrite, the token step alone, or nothing when even that failed.
+        EXPECT_TRUE(out == full ||
+                    (failed && (out == "<a href=\"/a\">RAMSessionID=T" || out == "<null>")))
+            << out;
+      });
 }
 
 TEST_F(HttpRemoteAccess, RedirectsAreBare307sWithTheSessionAppended) {

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Built only where liblog is present: the log's default second sink really reaches it.
 #include <android/log.h>
-#include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
-#include "tarnwick/log.h"
+#include "support/test_support.h"
 
 namespace {
 

@@ -1,22 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/log.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "platform/test_hooks.h"
 #include "support/test_support.h"
-#include "tarnwick/log.h"
-#include "tarnwick/server.h"
 
 namespace {
 

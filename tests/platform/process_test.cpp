@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "platform/process_internal.h"
 #include "support/test_support.h"
-#include "tarnwick/log.h"
-#include "tarnwick/platform.h"
 
 namespace {
 
@@ -19,11 +14,7 @@ using tw::platform::ActiveProcessCount;
 using tw::platform::ActiveProcessId;
 using Tokens = std::vector<std::string>;
 
-template <typename F>
-bool WaitFor(F done) {
-  for (int i = 0; i < 1000 && !done(); ++i) Sleep(5);
-  return done();
-}
+using tw::test::WaitFor;
 
 bool IsZombie(pid_t pid) {  // ended but not yet reaped (WNOWAIT leaves it so)
   siginfo_t info{};
@@ -107,16 +98,9 @@ TEST_F(PlatformProcess, WaitingCallsRunThroughNiceAndCallbacksCanKillTheChild) {
   tw::test::TempDir dir;
   // nice without options prints the niceness it runs at: the child's lowered priority.
   const std::string params = "-c \"/usr/bin/nice > " + dir.File("nice") + "\"";
-  ASSERT_EQ(upnp_log_init(nullptr), 1);
-  upnp_log_set_mode(UPNP_LOG_SYSTEM);
-  testing::internal::CaptureStdout();
   EXPECT_EQ(system_call_waiting("/bin/sh", params.c_str()), 0);
-  const std::string log = testing::internal::GetCapturedStdout();
-  upnp_log_set_mode(0);
-  upnp_log_exit();
   EXPECT_EQ(std::stoi(tw::test::ReadFile(dir.File("nice"))),
             std::min(getpriority(PRIO_PROCESS, 0) + 10, 19));
-  EXPECT_NE(log.find("system_call_waiting strParam " + params), std::string::npos) << log;
   EXPECT_EQ(system_call_waiting(nullptr, nullptr), -1);
 
   int calls = 0;

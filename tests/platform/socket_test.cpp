@@ -3,20 +3,12 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "support/test_support.h"
-#include "tarnwick/log.h"
-#include "tarnwick/platform.h"
 
 namespace {
 
@@ -104,10 +96,8 @@ TEST_F(SocketTest, OptionsAndDatagramsWithHostOrderSenderAndEmptyPayload) {
   ASSERT_EQ(setSockOptReceiveTimeout(a.fd, 2500), 0);
   ASSERT_EQ(getsockopt(a.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &tv_size), 0);
   EXPECT_EQ(tv.tv_sec * 1000000 + tv.tv_usec, 2500000);
-  // The multicast TTL is one byte (300 -> 44); a refused interface is only logged.
-  EXPECT_THAT(
-      tw::test::Logged(UPNP_LOG_SSDP, [&] { EXPECT_EQ(setSockOptMulticast(a.fd, 300, "bad"), 0); }),
-      HasSubstr("setSockOptMulticast"));
+  // The multicast TTL is one byte (300 -> 44); a refused interface is not an error.
+  EXPECT_EQ(setSockOptMulticast(a.fd, 300, "bad"), 0);
   ASSERT_EQ(getsockopt(a.fd, IPPROTO_IP, IP_MULTICAST_TTL, &byte_ttl, &byte_size), 0);
   EXPECT_EQ(byte_ttl, 44);
 
@@ -128,19 +118,12 @@ TEST_F(SocketTest, OptionsAndDatagramsWithHostOrderSenderAndEmptyPayload) {
   EXPECT_STREQ(getLastSocketError(), std::strerror(EINVAL));
 }
 
-TEST_F(SocketTest, SsdpListenerJoinsTheGroupAndLogsFailures) {
+// Receiving group datagrams through this socket is covered by the SSDP listener tests.
+TEST_F(SocketTest, SsdpListenerNeedsAnAddress) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
-  Sock listener;
-  const std::string lines = tw::test::Logged(UPNP_LOG_SSDP, [&] {
-    listener.fd = upnp_create_listen_socket("127.0.0.1");
-    EXPECT_EQ(upnp_create_listen_socket(nullptr), -1);  // leaves its socket open by design
-  });
-  ASSERT_GE(listener.fd, 0);
-  const std::string joining = "### joining SSDP multicast group 239.255.255.250 on if ";
-  EXPECT_THAT(lines, HasSubstr(joining + "127.0.0.1 "));
-  EXPECT_THAT(lines, HasSubstr(joining + "<null> "));
-  EXPECT_THAT(lines, HasSubstr("LOG_SOCK:### setSockOptAddMembership failed"));
-  // Receiving group datagrams through this socket is covered by the SSDP listener tests.
+  Sock listener(upnp_create_listen_socket("127.0.0.1"));
+  EXPECT_GE(listener.fd, 0);
+  EXPECT_EQ(upnp_create_listen_socket(nullptr), -1);  // leaves its socket open by design
 }
 
 TEST_F(SocketTest, UnknownHostFallsBackToLoopbackQuickly) {
@@ -149,15 +132,10 @@ TEST_F(SocketTest, UnknownHostFallsBackToLoopbackQuickly) {
   EXPECT_EQ(upnp_gethostbyname("127.1.2.3", out), 0);
   EXPECT_STREQ(out, "127.1.2.3");
   const auto start = std::chrono::steady_clock::now();
-  const std::string lines = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
-    EXPECT_EQ(upnp_gethostbyname("no-such-host.invalid", out), -1);
-    EXPECT_STREQ(out, "127.0.0.1");
-    EXPECT_EQ(upnp_gethostbyname(nullptr, out), -1);
-  });
+  EXPECT_EQ(upnp_gethostbyname("no-such-host.invalid", out), -1);
+  EXPECT_STREQ(out, "127.0.0.1");
+  EXPECT_EQ(upnp_gethostbyname(nullptr, out), -1);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-  const std::string text = "upnp_gethostbyname cannot get IP of ";
-  EXPECT_THAT(lines, HasSubstr(text + "no-such-host.invalid, return local IP "));
-  EXPECT_THAT(lines, HasSubstr(text + ", return local IP "));
 }
 
 }  // namespace

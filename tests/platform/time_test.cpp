@@ -1,18 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <optional>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include "platform/time_internal.h"
 #include "support/test_support.h"
-#include "tarnwick/log.h"
-#include "tarnwick/platform.h"
 
 namespace {
 
@@ -109,17 +101,16 @@ TEST_F(PlatformTimeZone, ParsedDatesReadAsGmtInAnyZoneAndTheOffsetIsLoggedOnce) 
       {"EST5EDT,M3.2.0,M11.1.0", 18000, "5:00"},
       {"<+0530>-5:30", -19800, "-5:30"},
       {"<-10>10", 36000, "10:00"}};
-  ASSERT_EQ(upnp_log_init(nullptr), 1);
-  upnp_log_set_mode(UPNP_LOG_SYSTEM);
   for (const auto& [tz, offset, shown] : zones) {
     UseZone(tz);
     EXPECT_EQ(g_timeZoneOffsetInSeconds, 1) << "1 means not yet known";
-    testing::internal::CaptureStdout();
     // A fraction is ignored, summer time must not shift, a missing day counts 0 (31 October).
-    const int64_t got[] = {parse("1994-11-06T08:49:37"), parse("1994-11-06 08:49:37.987"),
-                           parse("2024-07-01T12:00:00"), parse("1994-11"),
-                           kWideTime ? parse("2100-01-01T00:00:00") : kYear2100};
-    const std::string log = testing::internal::GetCapturedStdout();
+    std::vector<int64_t> got;
+    const std::string log = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
+      got = {parse("1994-11-06T08:49:37"), parse("1994-11-06 08:49:37.987"),
+             parse("2024-07-01T12:00:00"), parse("1994-11"),
+             kWideTime ? parse("2100-01-01T00:00:00") : kYear2100};
+    });
     EXPECT_THAT(got, ElementsAre(kRfcExample, kRfcExample, 1719835200, 783561600, kYear2100)) << tz;
     EXPECT_EQ(g_timeZoneOffsetInSeconds, offset);
     const size_t at = log.find(text + shown);
@@ -127,8 +118,6 @@ TEST_F(PlatformTimeZone, ParsedDatesReadAsGmtInAnyZoneAndTheOffsetIsLoggedOnce) 
     EXPECT_EQ(log.find(text, at + 1), std::string::npos) << "logged once";
   }
   EXPECT_EQ(parse(nullptr), 0);
-  upnp_log_set_mode(0);
-  upnp_log_exit();
 }
 
 }  // namespace

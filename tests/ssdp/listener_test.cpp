@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <unistd.h>
 
-#include <cstring>
-
 #include "ssdp/ssdp_fixture.h"
 
 namespace tw::test {
@@ -38,12 +36,10 @@ class SsdpListener : public SsdpTest {
 };
 
 TEST_F(SsdpListener, RegistryHoldsNineteenHandlersButNoNull) {
-  StartLog();
   upnp_ssdp_register_handler(nullptr, "none");
   for (int i = 0; i < 18; ++i) upnp_ssdp_register_handler(Record<'B'>, nullptr);
   upnp_ssdp_register_handler(Record<'C'>, "19th");
   upnp_ssdp_register_handler(Record<'D'>, "20th");
-  EXPECT_THAT(StopLog(), HasSubstr("upnp_ssdp_register_handler Too many callback handlers"));
   EXPECT_EQ(upnp_ssdp_handler_is_registered(Record<'C'>), 1);
   EXPECT_EQ(upnp_ssdp_handler_is_registered(Record<'D'>), 0);
   EXPECT_EQ(upnp_ssdp_handler_is_registered(nullptr), 0);

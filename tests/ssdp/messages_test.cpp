@@ -55,9 +55,7 @@ TEST_F(SsdpMessages, TargetsSelectEntriesAnnouncementsCarryAllByebyeListsDiffer)
   EXPECT_EQ(MaskDate(got[0].text), Answer(Location("TMRDevice"), kRendererUdn, kRendererUdn));
   EXPECT_TRUE(Send("UPNP:rootdevice", 0).empty());
   EXPECT_TRUE(Send((dev + "MediaServer:2").c_str(), 0).empty());
-  StartLog();
   EXPECT_TRUE(Send(nullptr, 0).empty());
-  EXPECT_THAT(StopLog(), HasSubstr("SSDP_send_notify called with invalid argument"));
   upnp_ssdp_hasRemoteUIServer(1);
   upnp_ssdp_hasRemoteUIClient(1);
   upnp_ssdp_hasMediaTransferProtocol(1);

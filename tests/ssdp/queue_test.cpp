@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <thread>
-
 #include "ssdp/ssdp_fixture.h"
 
 namespace tw::test {

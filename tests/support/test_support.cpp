@@ -4,15 +4,34 @@
 #include <net/if.h>
 #include <stdlib.h>
 
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "tarnwick/log.h"
-
 namespace tw::test {
+
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {  // never asks again after a yes: done may consume what it looks at
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+std::string HeaderValue(const std::string& head, const std::string& name) {
+  const size_t at = head.find("\r\n" + name + ": ");
+  if (at == std::string::npos) return "<none>";
+  const size_t from = at + name.size() + 4;
+  return head.substr(from, head.find("\r\n", from) - from);
+}
+
+std::string Take(upnp_string* s) {
+  std::string text = s != nullptr && s->buffer != nullptr ? std::string(s->buffer, s->length)
+                                                          : std::string("<null>");
+  upnp_string_free(s);
+  return text;
+}
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");

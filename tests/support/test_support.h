@@ -1,27 +1,67 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared helpers for the unit tests.
+// Shared helpers of the unit tests, and the headers every test program uses: test files add only
+// the internal and operating-system headers they need beyond these.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
 #include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
-#include "tarnwick/platform.h"
+#include "platform/test_hooks.h"
+#include "tarnwick/upnp.h"
 
 namespace tw::test {
 
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+
 // Fixture base: fails the test when accounted memory is not back to its start value after the
-// test body and its own TearDown have run (derived fixtures call LeakCheck::TearDown last).
+// test body and its own TearDown have run (derived fixtures call LeakCheck::TearDown last). A
+// planned allocation failure never outlives the test.
 class LeakCheck : public ::testing::Test {
  protected:
   void SetUp() override { start_ = upnp_mem_used(); }
   void TearDown() override {
+    tw::platform::ClearAllocFailure();
     EXPECT_EQ(static_cast<int64_t>(upnp_mem_used()) - static_cast<int64_t>(start_), 0)
         << "accounted memory not released by the test";
   }
   uint32_t start_ = 0;
 };
+
+// Polls done every millisecond until it says yes (true) or limit has passed (false).
+// Every wait of the tests goes through here, so none can hang.
+bool WaitFor(const std::function<bool()>& done,
+             std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// Runs op with the n-th allocation failing for n = 0, 1, ... until it runs without the planned
+// failure; check(result, failed) sees each result and must release it.
+template <typename Op, typename Check>
+void ForEachAllocFailure(Op op, Check check) {
+  for (int n = 0; n < 64; ++n) {
+    tw::platform::FailAllocAfter(n);
+    auto result = op();
+    const bool fired = tw::platform::AllocFailureFired();
+    tw::platform::ClearAllocFailure();
+    check(result, fired);
+    if (!fired) return;
+  }
+  ADD_FAILURE() << "operation never completed";
+}
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents on destruction.
 class TempDir {
@@ -92,5 +132,11 @@ struct Owned {
   std::string str() const { return ptr != nullptr ? std::string(ptr) : std::string("<null>"); }
   char* ptr;
 };
+
+// The text of a dynamic string ("<null>" for none or one without buffer), which is freed.
+std::string Take(upnp_string* s);
+
+// The value of the header line "name: value" in an HTTP or SSDP head, or "<none>".
+std::string HeaderValue(const std::string& head, const std::string& name);
 
 }  // namespace tw::test
