@@ -64,8 +64,10 @@ int32_t SendInMemory(HttpRequest& request, const char* data) noexcept {
     const int64_t total = request.total_size;
     const int64_t start = request.range_start;
     int64_t end = request.range_end;
-    // An end equal to the total size is kept although it is one past the last byte: clients
-    // have always been answered so, with one byte more than the resource holds.
+    // An end equal to the total size is kept although it is one past the last byte: the answer
+    // then announces one byte more than the resource holds ("bytes 90-100/100"), where a
+    // correction would change the Content-Range and length clients get. Pinned by
+    // HttpBodySender.RangesSelectTheBytesAndBadOnesGetTheirStatus.
     // Unset and refused ends were answered above, so a negative end here is "to the end"
     // (-1) or a number that wrapped while parsing; both are read as open-ended.
     if (end < 0 || end > total) end = total - 1;
@@ -85,9 +87,9 @@ int32_t SendInMemory(HttpRequest& request, const char* data) noexcept {
   if (header != 0) return header;
   if ((request.method & HTTP_METHOD_HEAD) != 0 || request.content_length <= 0) return kHttpOk;
   if (available > 0 && SendOnConnection(request, data + offset, available) < 0) return kHttpFail;
-  // The byte behind a handler's body is, in practice, its text terminator, so a NUL is what
-  // that extra byte always was on the wire; sending one keeps the framing without reading past
-  // the caller's buffer.
+  // The announced length runs one byte past the handler's data (the range rule above). That byte
+  // would be the handler's text terminator, so a NUL goes out: the framing stays right without
+  // reading past the caller's buffer. Pinned by the same test.
   static constexpr char kNul[1] = {'\0'};
   if (pad && SendOnConnection(request, kNul, 1) < 0) return kHttpFail;
   return kHttpOk;

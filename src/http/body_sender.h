@@ -10,8 +10,9 @@
 
 namespace tw::http {
 
-// The content type of a chunked response when the caller names none; the leading blank is
-// historical and kept, so the header line reads "CONTENT-TYPE:  text/xml...".
+// The content type of a chunked response when the caller names none. The leading blank is part
+// of the fixed text, so the header line reads "CONTENT-TYPE:  text/xml..." (two blanks); pinned
+// by HttpBodySender.ChunkedHeaderPartsAndEndAreExact.
 inline constexpr char kChunkedDefaultType[] = " text/xml; charset=\"utf-8\"";
 inline constexpr size_t kChunkedHeaderSize = 8192;
 

@@ -32,8 +32,8 @@ int FormatChunkedHeader(char* out, size_t size, const char* content_type,
 
 bool SendChunkedHeader(int32_t socket, const char* content_type) noexcept {
   CPtr buffer(static_cast<char*>(upnp_malloc_impl(kChunkedHeaderSize)));
-  // Without a buffer nothing is sent, yet the caller is told all is well: kept as it always
-  // was, the first chunk send then fails on its own.
+  // Without a buffer nothing is sent, yet the result is success, as http.h documents; the first
+  // chunk send then fails on its own. Pinned by HttpBodySender.ChunkedHeaderPartsAndEndAreExact.
   if (buffer == nullptr) return true;
   char date[kDateSize] = "";
   upnp_date_getGMT(date, sizeof(date));

@@ -358,7 +358,8 @@ int32_t AcceptLoop(upnp_server_data* server) noexcept {
       upnp_tls_session_create_fn create = Tls().session_create;
       const int32_t session = create != nullptr ? create(socket, connection->tls) : -1;
       if (session < 0) {
-        // The context is not freed on this path; kept as it always was.
+        // Only the socket goes: the context belongs to the server record and serves every
+        // later connection on it.
         upnp_close_socket(&socket);
         continue;
       }

@@ -83,7 +83,8 @@ void SetPageTexts(Page page, const char* title, const char* message) noexcept {
 size_t ComposePage(Page page, const char* url, const char* detail, char* out) noexcept {
   int length;
   if (page == Page::kServiceUnavailable) {
-    // No closing BODY tag: the page has always been sent this way.
+    // No closing BODY tag: the page is fixed text that clients show as it is, and its length is
+    // part of the response. Pinned byte for byte by HttpErrorPages.BareStatusAndTextBodies.
     length = std::snprintf(out, kPageSize,
                            "<HTML><HEAD><TITLE>503 Service Unavailable</TITLE></HEAD><BODY>"
                            "<H1>Service Unavailable</H1>Server can't provide %s resource now."
@@ -121,14 +122,17 @@ bool SendPage(HttpRequest& request, Page page, const char* detail) noexcept {
     char host[kHostNameSize] = "";
     upnp_gethostname(host, static_cast<int32_t>(sizeof(host)));
     char line[kRealmLineSize];
-    // The bare LF ending this line is how clients have always received it; kept.
+    // A bare LF ends this line (then HTTP_add_header's CR LF): the challenge is fixed text, and a
+    // client that parses it strictly sees the realm line exactly so. Pinned by
+    // HttpErrorPages.PagesGoOutByteExactFromACopyOfTheRequest.
     std::snprintf(line, sizeof(line), "WWW-Authenticate: Basic realm=\"%s\"\n", host);
     HTTP_add_header(copy, line);
   }
   if (HTTP_send_header(copy, StatusOf(page)) != 0) return false;
 
   // The 401 pages go through the TLS-aware path so a refused TLS client still gets its page;
-  // the others use the plain socket send, as they always have.
+  // the others use the plain socket send even on a TLS connection: the TLS module owns the other
+  // pages. Pinned by HttpErrorPages.OverTlsOnlyThe401PagesUseTheHookForTheirBody.
   if (page == Page::kUnauthorized || page == Page::kAccessRestricted) {
     return SendOnConnection(request, page_text.get(), static_cast<int64_t>(length)) >= 0;
   }

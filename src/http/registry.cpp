@@ -65,7 +65,8 @@ void RegisterHandler(upnp_http_handler_fn handler, uint32_t methods, const char*
     return;
   }
   if (url != nullptr && CopyCut(node->url, sizeof(node->url), url) >= sizeof(node->url)) {
-    // The wording of this message is historical and kept as it is.
+    // The wording is odd but fixed: log filters match these texts word for word. Pinned by
+    // HttpRegistry.LongUrlsAreCutAndEqualLengthsPreferTheNewest.
     upnp_log_err_impl(UPNP_LOG_HTTP,
                       "upnp_http_register_handler URL to int32_t for registration %s", url);
   }

@@ -51,7 +51,9 @@ String RewriteLinks(std::string_view text, const LinkPattern& pattern, std::stri
     out.append(segment);
     // A segment that names the session already, anywhere since the previous link, is left
     // alone. Each row's pass starts at the top, so the first link of a later row is skipped
-    // when an earlier row added the parameter in front of it: kept, pages rely on the result.
+    // when an earlier row added the parameter in front of it. Intended: rewriting that link too
+    // would give it the session twice. Pinned by
+    // HttpRemoteAccess.EveryLinkPatternCarriesTheSessionWithItsSeparator.
     if (segment.find(session) == std::string_view::npos) {
       const bool has_query = text.substr(link, close - link).find('?') != std::string_view::npos;
       out.append(has_query ? pattern.separator : std::string_view("?"));
@@ -111,7 +113,9 @@ String RedirectTarget(std::string_view base_url, std::string_view location,
     if (!location.empty() && location.front() == '/') location.remove_prefix(1);
   }
   target.append(location);
-  // A "?" even when the location has a query already: clients have always been sent this.
+  // A "?" even when the location has a query already: the location is not parsed, and the
+  // Location line clients follow is fixed by this rule. Pinned by
+  // HttpRemoteAccess.RedirectsAreBare307sWithTheSessionAppended.
   if (!session.empty()) {
     target.append("?");
     target.append(session);

@@ -24,7 +24,9 @@ struct StatusText {
   bool forces_html;       // error pages are HTML whatever type the handler set
 };
 
-// "Unauthorised", "Invalid Args" and "Action Failed" are the wordings clients have always seen.
+// "Unauthorised", "Invalid Args" and "Action Failed" are fixed wordings: clients match status
+// texts, and "Unauthorized" would not be the same line. Pinned by
+// HttpResponseHeader.StatusTextsAndTheTypesTheyForce.
 constexpr StatusText kStatusTexts[] = {
     {200, "200 OK", false},
     {206, "206 Partial Content", false},

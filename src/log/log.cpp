@@ -292,7 +292,9 @@ void WriteConsoleLine(int level, uint32_t category, const char* text) noexcept {
 
   char stamp[kStampSize];
   Timestamp(stamp);
-  // No blank after the colon here, unlike the file line: intended, consoles have kept this form.
+  // No blank after the colon here, unlike the file line: two layouts on purpose, and a reader of
+  // standard output that splits at ":" would get a leading blank otherwise. Pinned by
+  // Log.CriticalWritesBothLinesThenRunsHandlerThenExitsEvenWhenOff (both layouts).
   upnp_string* line = Compose("%s %s - %s:%s\n", stamp, LevelTag(level).data(),
                               CategoryName(category).data(), text);
   if (HasText(line)) {

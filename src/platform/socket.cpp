@@ -191,7 +191,9 @@ TW_API int64_t upnp_send(int32_t socket, const void* buffer, int64_t length) noe
     last = sent;
     total += sent;
   }
-  // The count of the final send call, not the total, is what callers have always been given.
+  // The count of the final send call, not the total, as platform.h documents; the library's own
+  // callers only test it for failure. Pinned by
+  // SocketTest.SendSitsOutWouldBlockAndReturnsLastCallCount.
   return last;
 }
 
@@ -246,8 +248,9 @@ TW_API int32_t upnp_util_get_peername(int32_t socket, char* address_out,
     return result != 0 ? result : kFail;
   }
   if (address_out != nullptr) FormatAddress(peer.sin_addr, address_out);
-  // Intended: the port stays in network byte order here, unlike upnp_recvfrom; callers rely on
-  // the raw field.
+  // Intended: the port stays in network byte order here, unlike upnp_recvfrom (platform.h says
+  // so); a caller converting it would otherwise convert twice. Pinned by
+  // SocketTest.TcpPeekConsumeRawPeerPortAndClose.
   if (port_out != nullptr) *port_out = peer.sin_port;
   return result;
 }

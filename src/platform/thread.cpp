@@ -81,7 +81,9 @@ pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level)
     }
   }
   // Reached after any other first failure and after a second try that did not end in EAGAIN,
-  // successful ones included: the routine then runs twice. Intended; callers rely on this flow.
+  // successful ones included: the routine then runs twice. Intended: changing the flow changes
+  // how often the routine runs and which thread the caller gets back. Pinned by
+  // PlatformThread.StartRetriesOnShortageAndFallsBackToDefaults.
   tw::platform::Log(UPNP_LOG_LEVEL_PROBLEM, UPNP_LOG_SYSTEM,
                     "upnp_start_joinable_thread Failed to start thread with requested "
                     "priority and scheduler - trying default");

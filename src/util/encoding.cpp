@@ -149,8 +149,10 @@ char* EncodeBase64Tail(const Byte* tail, std::size_t left, bool pad_two_byte_tai
   return out;
 }
 
-// Bytes that URL encoding leaves literal. The set is the product's historical one: '-', '~' and
-// '/' are escaped while '$', ':', '?' and '@' are not.
+// Bytes that URL encoding leaves literal: '-', '~' and '/' are escaped while '$', ':', '?' and '@'
+// are not. Not the RFC 3986 set, on purpose: the set decides the text of every URL the library
+// makes, and clients compare stored URLs as text, so another set would make the same resource's
+// old and new links differ. Pinned by UtilEncoding.UrlEncodingUsesItsOwnSafeSet.
 constexpr std::array<bool, 256> MakeUrlLiteral() {
   std::array<bool, 256> t{};
   for (int c = 0; c < 256; ++c) t[c] = ascii::IsAlnum(c);
@@ -342,7 +344,9 @@ char* Utf16ToUtf8(const uint8_t* units) noexcept {
 }
 
 int HexValue(int c) noexcept {
-  // 0 rather than -1 for a non-hex byte: hexchar_to_i and URL decoding have always read it so.
+  // 0 rather than -1 for a non-hex byte: hexchar_to_i documents 0, and URL decoding relies on it
+  // to turn "%zz" into a NUL and "%G1" into 0x01 instead of failing. Pinned by
+  // UtilEncoding.HexadecimalNumbers and UtilEncoding.UrlEncodingUsesItsOwnSafeSet.
   const int value = ascii::HexDigitValue(c);
   return value >= 0 ? value : 0;
 }

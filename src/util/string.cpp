@@ -118,7 +118,9 @@ upnp_string* StringConcatConverted(upnp_string* s, const char* cstr, bool to_utf
   char* converted = to_utf8 ? ToUtf8(cstr) : FromUtf8(cstr);
   if (converted == nullptr) return s;
   if (s == nullptr) {
-    // A fixed capacity here, not length + slack: this path has always sized it so.
+    // A fixed capacity here, not length + slack as the other creating appends use: the record's
+    // capacity is visible to callers, and later growth starts from it. Pinned by
+    // UtilString.GrowthRules ("256:...").
     upnp_string* created = StringCreate(converted, kFirstAppendSlack);
     upnp_free_impl(converted);
     return created;
