@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The property table, the INI file and the command line.
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "support/test_support.h"
 
 namespace {
 
-class ConfigTest : public tw::test::LeakCheck {
+using namespace tw::test;
+
+class ConfigTest : public LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
@@ -22,6 +22,12 @@ class ConfigTest : public tw::test::LeakCheck {
     const char* v = upnp_ini_file_getString(key);
     return v != nullptr ? std::string(v) : std::string("<null>");
   }
+  // The values of keys, each followed by '|'.
+  static std::string Values(std::initializer_list<uint32_t> keys) {
+    std::string all;
+    for (uint32_t key : keys) all += Value(key) + "|";
+    return all;
+  }
   static int32_t Parse(std::vector<std::string> args, const std::string& program = "prog") {
     args.insert(args.begin(), program);
     std::vector<char*> argv;
@@ -29,7 +35,7 @@ class ConfigTest : public tw::test::LeakCheck {
     return upnp_ini_file_parse_cmdline(static_cast<int32_t>(args.size()), argv.data());
   }
   std::string IniPath() const { return dir_.File("tarnwick.ini"); }
-  tw::test::TempDir dir_;
+  TempDir dir_;
 };
 
 // UTF-16LE bytes of a Latin-1 text.
@@ -95,7 +101,7 @@ TEST_F(ConfigProperties, CreatePropertyResultCodesAndLimits) {
 }
 
 TEST_F(ConfigProperties, CreatePropertyOutOfMemoryLeavesTableUnchanged) {
-  tw::test::ForEachAllocFailure(
+  ForEachAllocFailure(
       [] { return upnp_ini_file_create_property(40, "memtest", "dflt", "desc", 1, 0, 0, 0); },
       [](int32_t result, bool failed) {
         EXPECT_EQ(result, failed ? UPNP_INI_OUT_OF_MEMORY : UPNP_INI_OK);
@@ -239,7 +245,7 @@ class ConfigIniFile : public ConfigTest {
     PointAtTempDir();
   }
   void ReadBytes(const std::string& bytes) {
-    tw::test::WriteFile(IniPath(), bytes);
+    WriteFile(IniPath(), bytes);
     upnp_ini_file_read_properties();
   }
 };
@@ -251,7 +257,7 @@ TEST_F(ConfigIniFile, WriterLaysOutHeaderDescriptionsAndVisibleProperties) {
   ASSERT_EQ(upnp_ini_file_create_property(20, "extra", nullptr, nullptr, 0, 0, 0, 0), UPNP_INI_OK);
   ASSERT_EQ(upnp_ini_file_create_property(21, "gone", "1", "off", 0, 0, 1, 0), UPNP_INI_OK);
   upnp_ini_file_write_properties();
-  const std::string ini = tw::test::ReadFile(IniPath());
+  const std::string ini = ReadFile(IniPath());
   const std::string head =
       "#! Tarnwick ini file / charset UTF-8\n"
       "#! Change settings by commandline or by editing this file\n"
@@ -266,7 +272,7 @@ TEST_F(ConfigIniFile, WriterLaysOutHeaderDescriptionsAndVisibleProperties) {
   const std::string tail = ":standalone)\nnmcmode=1\n\nextra=\n\n";
   EXPECT_EQ(ini.rfind(tail), ini.size() - tail.size());
   upnp_ini_file_reset();
-  EXPECT_FALSE(tw::test::FileExists(IniPath()));
+  EXPECT_FALSE(FileExists(IniPath()));
 }
 
 TEST_F(ConfigIniFile, WrittenFileReadsBackToTheSameTable) {
@@ -288,7 +294,7 @@ TEST_F(ConfigIniFile, WrittenFileReadsBackToTheSameTable) {
       EXPECT_EQ(upnp_ini_file_get_property_origin(key), UPNP_INI_ORIGIN_INI_FILE);
     }
     EXPECT_STREQ(upnp_ini_file_get_next_CSV(20, 3), "c");
-    const std::string written = tw::test::ReadFile(IniPath());
+    const std::string written = ReadFile(IniPath());
     EXPECT_EQ(written.compare(0, mark.size(), mark), 0);  // a UTF-16 file stays UTF-16
     EXPECT_NE(
         written.find(mark.empty() ? std::string("charset UTF-8\n") : Utf16le("charset UTF-16\n")),
@@ -304,13 +310,9 @@ TEST_F(ConfigIniFile, ReaderRulesAndPrecedenceOfTheInterface) {
       "[main]\n# friendlyname=Commented\nhttpport=8000\nssdpttl=6\nnicrestart=1\nread_only=1\n"
       " ip = 1.1.1.1\nFriendlyName=Box=1\r\nplatform=\nnosuch=1\n=orphan\n"
       "logfile=/last/line/without/line/feed");
-  EXPECT_EQ(Value(5), "9000");
-  EXPECT_EQ(Value(9), "4");
-  EXPECT_EQ(upnp_ini_file_getBoolean(8), 0);  // hidden: not from the file
-  EXPECT_EQ(Value(1), "<null>");              // " ip " is another name
-  EXPECT_EQ(Value(0), "Box=1");               // names ignore case, a second "=" is data
-  EXPECT_EQ(Value(4), "UNIX");                // an empty value stays unset
-  EXPECT_EQ(Value(12), "stdout");             // the last line had no line end
+  // The interface's values stay; a hidden one is not read; " ip " is another name; names ignore
+  // case and a second "=" is data; an empty value stays unset; the last line had no line end.
+  EXPECT_EQ(Values({5, 9, 8, 1, 0, 4, 12}), "9000|4|0|<null>|Box=1|UNIX|stdout|");
   EXPECT_EQ(upnp_ini_file_restartPending(), 1);
   ReadBytes("friendlyname=Other\n");  // values from a first read are not replaced
   EXPECT_EQ(Value(0), "Box=1");
@@ -350,19 +352,19 @@ TEST_F(ConfigIniFile, BadFilesKeepWhatTheyCan) {
 }
 
 TEST_F(ConfigIniFile, UnwritablePathIsLoggedAndReadOnlyWritesNothing) {
-  tw::test::WriteFile(dir_.File("plain"), "keep");
+  WriteFile(dir_.File("plain"), "keep");
   const std::string bad_dir = dir_.File("plain/sub");
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_INIPATH, bad_dir.c_str());
-  EXPECT_THAT(tw::test::Logged(UPNP_LOG_SYSTEM, [] { upnp_ini_file_write_properties(); }),
+  EXPECT_THAT(Logged(UPNP_LOG_SYSTEM, [] { upnp_ini_file_write_properties(); }),
               testing::HasSubstr("writeProperties \nini file \"" + bad_dir +
                                  "/tarnwick.ini\" not writable! ***\n"));
-  EXPECT_EQ(tw::test::ReadFile(dir_.File("plain")), "keep");
+  EXPECT_EQ(ReadFile(dir_.File("plain")), "keep");
 
   PointAtTempDir();
-  tw::test::WriteFile(IniPath(), "friendlyname=Original\n");
+  WriteFile(IniPath(), "friendlyname=Original\n");
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_READ_ONLY, "1");
   upnp_ini_file_write_properties();
-  EXPECT_EQ(tw::test::ReadFile(IniPath()), "friendlyname=Original\n");
+  EXPECT_EQ(ReadFile(IniPath()), "friendlyname=Original\n");
 }
 
 class ConfigCommandLine : public ConfigTest {
@@ -382,23 +384,20 @@ TEST_F(ConfigCommandLine, OptionsSetPropertiesFromTheInterface) {
   EXPECT_EQ(Parse(Local({"-httpport", "9000", "--ip", "10.0.0.2", "-friendlyname", "-nmcmode", "2",
                          "-NMCmode", "3", "stray", "-nosuch", "x", "-", "--", "-ssdpttl"})),
             0);
-  EXPECT_EQ(Value(5), "9000");
+  // "--" works as "-"; no value is the empty string; the last repetition wins; a name dangling
+  // at the end gets the empty string too; inipath follows appdata.
+  EXPECT_EQ(Values({5, 1, 0, 17, 9, 7}), "9000|10.0.0.2||3||" + dir_.path() + "|");
   EXPECT_EQ(upnp_ini_file_get_property_origin(5), UPNP_INI_ORIGIN_COMMAND_LINE);
-  EXPECT_EQ(Value(1), "10.0.0.2");   // "--" works as "-"
-  EXPECT_EQ(Value(0), "");           // no value: the empty string
-  EXPECT_EQ(Value(17), "3");         // the last repetition wins
-  EXPECT_EQ(Value(9), "");           // dangling at the end
-  EXPECT_EQ(Value(7), dir_.path());  // inipath follows appdata
   EXPECT_EQ(upnp_ini_file_restartPending(), 0);
   EXPECT_STREQ(upnp_ini_file_get_EXE_Name(), "prog");
   EXPECT_STREQ(upnp_ini_file_get_EXE_Dir(), "");
 }
 
 TEST_F(ConfigCommandLine, CommandLineBeatsTheIniFileWhichBeatsTheDefault) {
-  tw::test::WriteFile(IniPath(), "httpport=8000\nfriendlyname=Box\nssdpttl=6\n");
+  WriteFile(IniPath(), "httpport=8000\nfriendlyname=Box\nssdpttl=6\n");
   EXPECT_EQ(Parse(Local({"-httpport", "9000", "-ssdpttl", "4"})), 0);
-  EXPECT_EQ(Value(5), "9000");
-  EXPECT_EQ(Value(9), "4");  // the command line repeated the default: still the winner
+  // The command line repeated the default of ssdpttl: still the winner.
+  EXPECT_EQ(Values({5, 9}), "9000|4|");
   EXPECT_EQ(upnp_ini_file_get_property_origin(9), UPNP_INI_ORIGIN_COMMAND_LINE);
   EXPECT_EQ(Value(0), "Box");
   EXPECT_EQ(upnp_ini_file_get_property_origin(0), UPNP_INI_ORIGIN_INI_FILE);
@@ -418,9 +417,8 @@ TEST_F(ConfigCommandLine, HelpPrintsUsageAndStopsTheWalk) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(Parse(Local({"-httpport", "1", help, "-ip", "10.1.1.1"})), 1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), text);
-    EXPECT_EQ(Value(5), "1");       // applied before the help
-    EXPECT_EQ(Value(1), "<null>");  // not after it
-    EXPECT_EQ(Value(7), "<null>");  // the data directory was not settled
+    // Applied before the help, not after it; the data directory was not settled.
+    EXPECT_EQ(Values({5, 1, 7}), "1|<null>|<null>|");
   }
 }
 
@@ -432,16 +430,14 @@ TEST_F(ConfigCommandLine, IniFileIgnoredParametersAndExecutable) {
   EXPECT_EQ(Parse(Local({"-inifile", target, "-httpport", "9000", "--httpport", "7000", "-v", "3"}),
                   "/opt/app/bin/server"),
             0);
-  EXPECT_EQ(Value(7), dir_.File("etc/x"));
-  EXPECT_EQ(Value(6), "my.ini");
+  EXPECT_EQ(Values({7, 6}), dir_.File("etc/x") + "|my.ini|");
   EXPECT_EQ(std::string(upnp_ini_file_get_ini_path()), target);
-  EXPECT_TRUE(tw::test::FileExists(dir_.File("etc/x")));          // made for the INI file
+  EXPECT_TRUE(FileExists(dir_.File("etc/x")));                    // made for the INI file
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_ININAME, "b.ini");  // drops the cached path
   EXPECT_EQ(std::string(upnp_ini_file_get_ini_path()), dir_.File("etc/x/b.ini"));
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_INIPATH, nullptr);
   EXPECT_EQ(upnp_ini_file_get_ini_path(), nullptr);
-  EXPECT_EQ(Value(5), "7000");  // the whole argument is compared, dashes included
-  EXPECT_EQ(Value(3), "3");
+  EXPECT_EQ(Values({5, 3}), "7000|3|");  // the whole argument is compared, dashes included
   EXPECT_STREQ(upnp_ini_file_get_EXE_Dir(), "/opt/app/bin");
   EXPECT_EQ(Parse(Local({}), "/other"), 0);  // the first name stays
   EXPECT_STREQ(upnp_ini_file_get_EXE_Name(), "/opt/app/bin/server");
@@ -450,14 +446,9 @@ TEST_F(ConfigCommandLine, IniFileIgnoredParametersAndExecutable) {
 TEST_F(ConfigCommandLine, DataDirectoryFollowsTheAppDataBase) {
   const std::string long_name(1500, 'n');
   upnp_ini_file_set_default_appname(long_name.c_str());
-  std::string base;
-  {
-    tw::test::Owned made(getAppDataDir());
-    if (made.get() != nullptr) base = made.str() + "/" + long_name.substr(0, 1022);
-  }
+  const std::string base = Str(getAppDataDir()) + "/" + long_name.substr(0, 1022);
   upnp_ini_file_init_DATA_Dir();  // the name is too long for mkdir: nothing is created
-  EXPECT_EQ(Value(13), base);
-  EXPECT_EQ(Value(7), base);
+  EXPECT_EQ(Values({13, 7}), base + "|" + base + "|");
   EXPECT_EQ(upnp_ini_file_get_property_origin(13), UPNP_INI_ORIGIN_PROGRAM);
 }
 
@@ -466,12 +457,12 @@ TEST_F(ConfigCommandLine, DefaultIniFilesSeedAFirstRun) {
   const std::string conf = dir_.File("conf");
   ASSERT_EQ(mkdir(bin.c_str(), 0700), 0);
   ASSERT_EQ(mkdir(conf.c_str(), 0700), 0);
-  tw::test::WriteFile(bin + "/old.ini", "friendlyname=FromExeDir\n");
-  tw::test::WriteFile(conf + "/new.ini", "friendlyname=BesideIni\n");
+  WriteFile(bin + "/old.ini", "friendlyname=FromExeDir\n");
+  WriteFile(conf + "/new.ini", "friendlyname=BesideIni\n");
   upnp_ini_file_add_default_file("old.ini");  // added first, tried last: its copy stays
   upnp_ini_file_add_default_file("new.ini");
   upnp_ini_file_add_default_file("missing.ini");
-  const std::string log = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
+  const std::string log = Logged(UPNP_LOG_SYSTEM, [&] {
     EXPECT_EQ(Parse(Local({"-inipath", conf}), bin + "/prog"), 0);
   });
   const std::string ini = conf + "/tarnwick.ini";
@@ -480,7 +471,7 @@ TEST_F(ConfigCommandLine, DefaultIniFilesSeedAFirstRun) {
   EXPECT_THAT(log, testing::HasSubstr("exisiting ini file " + bin + "/old.ini copied to " + ini));
 
   Restart();  // with an INI file in place nothing is copied
-  tw::test::WriteFile(ini, "friendlyname=Mine\n");
+  WriteFile(ini, "friendlyname=Mine\n");
   upnp_ini_file_add_default_file("new.ini");
   EXPECT_EQ(Parse(Local({"-inipath", conf}), bin + "/prog"), 0);
   EXPECT_EQ(Value(0), "Mine");

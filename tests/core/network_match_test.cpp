@@ -7,10 +7,10 @@
 
 namespace {
 
-using tw::test::Owned;
+using namespace tw::test;
 
 // Fills the served table directly (no sockets): addresses and ports by index.
-class NetworkMatch : public tw::test::LeakCheck {
+class NetworkMatch : public LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
@@ -44,7 +44,7 @@ TEST_F(NetworkMatch, PeerMatchesTheRecordOfItsNetwork) {
   char* local = nullptr;
   int32_t port = -1, reserved = -1;
   EXPECT_EQ(upnp_get_matching_local_server("10.0.0.7", &local, &port, &reserved), 0);
-  EXPECT_EQ(Owned(local).str(), "10.0.0.2");
+  EXPECT_EQ(Str(local), "10.0.0.2");
   EXPECT_EQ(std::make_pair(port, reserved), std::make_pair(9100, 0));
   port = reserved = -1;  // outputs start at 0 whatever the result
   local = nullptr;
@@ -60,7 +60,7 @@ TEST_F(NetworkMatch, PeerMatchesTheRecordOfItsNetwork) {
   EXPECT_EQ(port, 9000);
   EXPECT_EQ(upnp_server_is_local_network("192.168.1.200"), 1);
   EXPECT_EQ(upnp_server_is_local_network("192.168.2.5") + upnp_server_is_local_network("x"), 0);
-  EXPECT_EQ(Owned(upnp_get_matching_local_ip("192.168.1.77")).str(), "192.168.1.5");
+  EXPECT_EQ(Str(upnp_get_matching_local_ip("192.168.1.77")), "192.168.1.5");
   EXPECT_EQ(upnp_get_matching_local_ip("172.16.0.1"), nullptr);
 }
 
@@ -79,17 +79,17 @@ TEST_F(NetworkMatch, OutOfMemoryGivesEightAndNoCopy) {
 TEST_F(NetworkMatch, UsedLocalIpNeedsAWholeAddress) {
   Serve({{"192.168.1.5", 9000}});
   EXPECT_EQ(upnp_get_used_local_ip("http://192.168.1.50:9000/x"), nullptr);
-  EXPECT_EQ(Owned(upnp_get_used_local_ip("http://192.168.1.5:9000/x")).str(), "192.168.1.5");
-  EXPECT_EQ(Owned(upnp_get_used_local_ip("at 192.168.1.5")).str(), "192.168.1.5");
+  EXPECT_EQ(Str(upnp_get_used_local_ip("http://192.168.1.5:9000/x")), "192.168.1.5");
+  EXPECT_EQ(Str(upnp_get_used_local_ip("at 192.168.1.5")), "192.168.1.5");
   // Only the first occurrence of an address is examined.
   EXPECT_EQ(upnp_get_used_local_ip("192.168.1.55 or 192.168.1.5:80"), nullptr);
   EXPECT_EQ(upnp_get_used_local_ip(""), nullptr);
   EXPECT_EQ(upnp_get_used_local_ip(nullptr), nullptr);
 
   Serve({{"192.168.1.50", 9000}, {"10.1.1.1", 9001}});
-  EXPECT_EQ(Owned(upnp_get_used_local_ip("http://192.168.1.50:9000/x")).str(), "192.168.1.50");
+  EXPECT_EQ(Str(upnp_get_used_local_ip("http://192.168.1.50:9000/x")), "192.168.1.50");
   // Table order decides, not the position in the text.
-  EXPECT_EQ(Owned(upnp_get_used_local_ip("10.1.1.1 then 192.168.1.50")).str(), "192.168.1.50");
+  EXPECT_EQ(Str(upnp_get_used_local_ip("10.1.1.1 then 192.168.1.50")), "192.168.1.50");
 }
 
 TEST_F(NetworkMatch, LocalIpIsAnExactEntryWithinTheCount) {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core/resource.h"
 
-#include <filesystem>
-
 #include "support/test_support.h"
 
 namespace {
+
+using namespace tw::test;
 
 std::string g_getter_name;
 
@@ -19,7 +19,7 @@ int HostGetter(const char* name, uint32_t* size_out, void** data_out) {
   return 1;
 }
 
-class ServerResource : public tw::test::LeakCheck {
+class ServerResource : public LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
@@ -32,7 +32,7 @@ class ServerResource : public tw::test::LeakCheck {
     LeakCheck::TearDown();
   }
   void Put(const std::string& name, const std::string& bytes) {
-    tw::test::WriteFile(dir_.File("resources/" + name), bytes);
+    WriteFile(dir_.File("resources/" + name), bytes);
   }
   // The delivered bytes (plus the two bytes behind them when `with_tail`), or "<none>".
   std::string Get(std::string name, bool with_tail = false) {
@@ -43,44 +43,33 @@ class ServerResource : public tw::test::LeakCheck {
     upnp_free_impl(data);
     return bytes;
   }
-  tw::test::TempDir dir_;
+  TempDir dir_;
 };
 
-TEST_F(ServerResource, FileIsReadWithTwoZeroBytesThenServedFromTheCache) {
-  Put("icon.png", "PNG1");
-  EXPECT_EQ(Get("icon.png?size=48", true), std::string("PNG1\0\0", 6));
-
-  Put("icon.png", "PNG2-changed");
-  std::string name = "icon.png?x";
+TEST_F(ServerResource, OnlyKnownExtensionsAreCached) {
+  // Read with two zero bytes behind; the text after the last dot counts; empty files are
+  // delivered but never cached.
+  const char* const names[] = {"icon.png", "v1.2.xml", "readme.html", "upper.PNG", "noext"};
+  for (const char* name : names) Put(name, "one");
+  Put("empty.xml", "");
+  for (const char* name : names) EXPECT_EQ(Get(name, true), std::string("one\0\0", 5)) << name;
+  EXPECT_EQ(Get("empty.xml", true), std::string("\0\0", 2));
+  for (const char* name : names) Put(name, "two");
+  Put("empty.xml", "now");
+  std::string name = "icon.png?x";  // the query is cut off in place
   uint32_t size = 0;
   void* data = nullptr;
   ASSERT_TRUE(tw::core::GetResource(dir_.path().c_str(), name.data(), &size, &data));
-  EXPECT_EQ(name, std::string("icon.png\0x", 10));  // cut in place
-  EXPECT_EQ(std::string(static_cast<char*>(data), size), "PNG1");
+  EXPECT_EQ(name, std::string("icon.png\0x", 10));
+  EXPECT_EQ(std::string(static_cast<char*>(data), size), "one");
   upnp_free_impl(data);
-}
-
-TEST_F(ServerResource, OnlyKnownExtensionsAreCached) {
-  Put("readme.html", "one");
-  Put("upper.PNG", "one");
-  Put("noext", "one");
-  Put("empty.xml", "");
-  for (const char* name : {"readme.html", "upper.PNG", "noext"}) {
-    EXPECT_EQ(Get(name, true), std::string("one\0\0", 5));
-    Put(name, "two");
-    EXPECT_EQ(Get(name), "two") << name;
-  }
-  Put("v1.2.xml", "one");  // the text after the last dot counts
-  EXPECT_EQ(Get("v1.2.xml"), "one");
-  Put("v1.2.xml", "two");
-  EXPECT_EQ(Get("v1.2.xml"), "one");
-  EXPECT_EQ(Get("empty.xml", true), std::string("\0\0", 2));  // delivered, never cached
-  Put("empty.xml", "now");
-  EXPECT_EQ(Get("empty.xml"), "now");
+  EXPECT_EQ(
+      Get("v1.2.xml") + Get("readme.html") + Get("upper.PNG") + Get("noext") + Get("empty.xml"),
+      "onetwotwotwonow");
 }
 
 TEST_F(ServerResource, FullCacheStillDeliversAndLogs) {
-  const std::string log = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
+  const std::string log = Logged(UPNP_LOG_SYSTEM, [&] {
     for (size_t i = 0; i <= tw::core::kResourceCacheEntries; ++i) {
       Put("f" + std::to_string(i) + ".txt", "v1");
       EXPECT_EQ(Get("f" + std::to_string(i) + ".txt"), "v1");
@@ -111,10 +100,10 @@ TEST_F(ServerResource, MissingFileFallsBackToTheHostGetter) {
 
 TEST_F(ServerResource, OutOfMemoryNeverLeaksOrCachesHalfAnEntry) {
   Put("a.xml", "payload");
-  tw::test::ForEachAllocFailure([&] { return Get("a.xml"); },
-                                [](const std::string& got, bool failed) {
-                                  EXPECT_TRUE(got == "payload" || (failed && got == "<none>"));
-                                });
+  ForEachAllocFailure([&] { return Get("a.xml"); },
+                      [](const std::string& got, bool failed) {
+                        EXPECT_TRUE(got == "payload" || (failed && got == "<none>"));
+                      });
   EXPECT_EQ(Get("a.xml"), "payload");
 }
 

@@ -2,12 +2,13 @@
 #include "http/body_sender.h"
 
 #include "http/hooks.h"
-#include "http/http_test_util.h"
 #include "http/registry.h"
+#include "support/test_support.h"
 
 namespace {
 
-using tw::test::HeaderValue;
+using namespace tw::test;
+
 const std::string kBody = [] {
   std::string body;
   for (int i = 0; i < 100; ++i) body += static_cast<char>('A' + i % 26);
@@ -18,13 +19,13 @@ const std::string kBody = [] {
 // response as framed by its Content-Length and anything left over.
 struct Sent {
   int32_t result;
-  tw::test::HttpResponse response;
+  HttpResponse response;
   std::string rest;
 };
 Sent SendWith(const std::string& extra, uint32_t method = HTTP_METHOD_GET) {
-  tw::test::PeerPair pair;
+  PeerPair pair;
   if (!pair.Open()) return {-1, {}, "<no socket pair>"};
-  auto request = tw::test::GetRequest("/b", "HOST: x\r\n" + extra);
+  auto request = GetRequest("/b", "HOST: x\r\n" + extra);
   request->socket = pair.server_fd();
   request->method = method;
   request->mime_type = "text/plain";
@@ -52,7 +53,7 @@ void RecordCompleted(HttpFileCache* cache) {
   g_completed_saw_contents = cache->file != nullptr && cache->blocks[3] != nullptr;
 }
 
-class HttpBodySender : public tw::test::LeakCheck {
+class HttpBodySender : public LeakCheck {
  protected:
   void TearDown() override {
     http_server_set_tls_callbacks(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
@@ -149,7 +150,7 @@ TEST_F(HttpBodySender, ChunkedHeaderPartsAndEndAreExact) {
   EXPECT_EQ(text->length, 26u);  // a chunk that failed is kept
   EXPECT_EQ(HTTP_send_chunked_end(-1) + HTTP_send_chunked_header(-1, "a/b"), 2);
   TW_REQUIRE_LOOPBACK_NAMESPACE();
-  tw::test::PeerPair pair;
+  PeerPair pair;
   ASSERT_TRUE(pair.Open());
   EXPECT_EQ(HTTP_send_chunked_header(pair.server_fd(), "text/plain"), 0);
   EXPECT_EQ(HTTP_send_chunked_part(pair.server_fd(), text), 0);
@@ -169,8 +170,8 @@ TEST_F(HttpBodySender, ChunkedHeaderPartsAndEndAreExact) {
 TEST_F(HttpBodySender, FileCacheReleaseRunsTheHookFirstAndFreesEverything) {
   http_file_filecache_free(nullptr);
   upnp_timeseek_free(nullptr);
-  tw::test::TempDir dir;
-  tw::test::WriteFile(dir.File("f"), "data");
+  TempDir dir;
+  WriteFile(dir.File("f"), "data");
   for (bool with_hook : {true, false}) {
     http_set_cb_file_completed(with_hook ? &RecordCompleted : nullptr);
     g_completed = nullptr;
@@ -185,6 +186,113 @@ TEST_F(HttpBodySender, FileCacheReleaseRunsTheHookFirstAndFreesEverything) {
     EXPECT_EQ(g_completed, with_hook ? cache : nullptr);
     EXPECT_EQ(g_completed_saw_contents, with_hook);
   }
+}
+
+constexpr char kChunked[] = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+
+class HttpBody : public LeakCheck {
+ protected:
+  void SetUp() override {
+    LeakCheck::SetUp();
+    TW_REQUIRE_LOOPBACK_NAMESPACE();
+    ASSERT_TRUE(pair_.Open());
+  }
+  void Fresh() {
+    pair_.CloseServer();
+    ASSERT_TRUE(pair_.Open());
+  }
+  // Sends wire (then ends the stream when asked) and reads the body on a fresh connection; the
+  // bytes the reader left in the socket are kept in left_.
+  std::string Body(const std::string& head, const std::string& wire, bool then_close = false) {
+    Fresh();
+    EXPECT_TRUE(pair_.client().Send(wire));
+    if (then_close) pair_.client().ShutdownWrite();
+    std::string body = Take(HTTP_receive_body(pair_.server_fd(), head.c_str()));
+    left_ = pair_.QueuedAtServer(50);
+    return body;
+  }
+  PeerPair pair_;
+  std::string left_;
+};
+
+TEST_F(HttpBody, ChunkedContentLengthAndUnframedBodies) {
+  const std::string post = "POST / HTTP/1.1\r\n", ok10 = "HTTP/1.0 200 OK\r\n";
+  // {head, wire, end the stream after it, body, bytes left in the socket}
+  const std::tuple<std::string, std::string, bool, std::string, std::string> cases[] = {
+      {kChunked, "5\r\nhello\r\n0\r\n\r\nNEXT", false, "hello", "NEXT"},
+      {kChunked, "3;ext=v\r\nabc\r\nA\r\n0123456789\r\n0\r\n\r\n", false, "abc0123456789", ""},
+      // FFFFFFFF reads as -1, which is not an end: its CR LF is read and the next chunk follows.
+      {kChunked, "FFFFFFFF\r\n\r\n2\r\nok\r\n0\r\n\r\n", false, "ok", ""},
+      // Only 19 bytes of a size line are read; what follows them is chunk data.
+      {kChunked, "3" + std::string(18, ' ') + "abc\r\n0\r\n\r\n", false, "abc", ""},
+      {kChunked, "a\r\n12345", true, "12345", ""},  // the peer stopped inside a chunk
+      {post + "Content-Length: 5\r\n\r\n", "12345GET /", false, "12345", "GET /"},
+      {post + "content-length:   10\r\n\r\n", "abcd", true, "abcd", ""},
+      {post + "Content-Length: 7\r\n\r\n", "", true, "<null>", ""},
+      // Without framing only HTTP/1.0 or Connection: close read until the end of the stream; a
+      // Content-Length of 0 counts as missing.
+      {"HTTP/1.1 200 OK\r\nServer: x\r\n\r\n", "stays", false, "<null>", "stays"},
+      {ok10 + "\r\n", std::string(20000, 'q'), true, std::string(20000, 'q'), ""},
+      {"HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n", "tail", true, "tail", ""},
+      {ok10 + "Content-Length: 0\r\n\r\n", "more", true, "more", ""},
+  };
+  for (const auto& [head, wire, close, body, left] : cases) {
+    EXPECT_EQ(Body(head, wire, close) + "|" + left_, body + "|" + left) << head << wire;
+  }
+  EXPECT_EQ(HTTP_receive_body(pair_.server_fd(), nullptr), nullptr);
+  // Beyond 64 KiB the string grows as bytes arrive instead of being reserved up front.
+  std::string big(200000, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 26);
+  Fresh();
+  std::thread sender([&] { pair_.client().Send(big + "TAIL"); });
+  const std::string got = Take(
+      HTTP_receive_body(pair_.server_fd(), "POST / HTTP/1.1\r\nContent-Length: 200000\r\n\r\n"));
+  sender.join();
+  EXPECT_TRUE(got == big) << got.size();
+  EXPECT_EQ(pair_.QueuedAtServer(), "TAIL");
+}
+
+TEST_F(HttpBody, OutOfMemoryGivesNullWithoutLeaks) {
+  const char* heads[] = {"POST / HTTP/1.1\r\nContent-Length: 4\r\n\r\n", kChunked,
+                         "HTTP/1.0 200 OK\r\n\r\n"};
+  for (const char* head : heads) {
+    ForEachAllocFailure([&] { return Body(head, "4\r\nabcd\r\n0\r\n\r\n", true); },
+                        [&](const std::string& body, bool failed) {
+                          EXPECT_TRUE(!failed || body == "<null>") << head << body;
+                        });
+  }
+}
+
+TEST_F(HttpBody, ChunkByChunk) {
+  ASSERT_TRUE(pair_.client().Send("5\r\nhello\r\n2\r\n!!\r\n0\r\n\r\nrest"));
+  char* data = nullptr;
+  ASSERT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), 5);
+  EXPECT_EQ(std::string(data, 5), "hello");
+  upnp_free_impl(data);
+  ASSERT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), 2);
+  upnp_free_impl(data);
+  EXPECT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), 0);
+  EXPECT_EQ(data, nullptr);
+  EXPECT_EQ(pair_.QueuedAtServer(), "rest");
+  EXPECT_EQ(HTTP_receive_chunk(-1, &data), -1);
+  EXPECT_EQ(HTTP_receive_chunk(pair_.server_fd(), nullptr), -1);
+  // A short chunk gives what arrived, then the ended stream gives -1.
+  Fresh();
+  ASSERT_TRUE(pair_.client().Send("8\r\nabc"));
+  pair_.client().ShutdownWrite();
+  ASSERT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), 3);
+  upnp_free_impl(data);
+  EXPECT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), -1);
+  // Nothing of the chunk arrived; memory runs out.
+  Fresh();
+  ASSERT_TRUE(pair_.client().Send("4\r\n"));
+  pair_.client().ShutdownWrite();
+  EXPECT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), -1);
+  EXPECT_EQ(data, nullptr);
+  Fresh();
+  ASSERT_TRUE(pair_.client().Send("4\r\nabcd\r\n"));
+  tw::platform::FailAllocAfter(0);
+  EXPECT_EQ(HTTP_receive_chunk(pair_.server_fd(), &data), -1);
 }
 
 }  // namespace

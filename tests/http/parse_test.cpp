@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Values read from request heads: header fields, escapes, MIME types and ranges.
-#include <climits>
 
-#include "http/http_test_util.h"
+#include "support/test_support.h"
 
 namespace {
 
-class HttpHeadValues : public tw::test::LeakCheck {};
+using namespace tw::test;
+
+class HttpHeadValues : public LeakCheck {};
 
 long Skipped(const char* text) {
   char* p = const_cast<char*>(text);
@@ -14,9 +15,7 @@ long Skipped(const char* text) {
   return p - text;
 }
 
-std::string Mime(const char* head) {
-  return tw::test::Owned(HTTP_parse_header_mime_type(head)).str();
-}
+std::string Mime(const char* head) { return Str(HTTP_parse_header_mime_type(head)); }
 
 std::string Unescaped(std::string text) {
   HTTP_unescape_url(text.data());
@@ -24,10 +23,8 @@ std::string Unescaped(std::string text) {
 }
 
 TEST_F(HttpHeadValues, SkipSpacesStopsShortOfAnEmptyValue) {
-  EXPECT_EQ(Skipped(" \t x"), 3);
-  EXPECT_EQ(Skipped(" \n x"), 1);  // a bare LF is not a line end here
-  EXPECT_EQ(Skipped("   \r\nNext: 1"), 0);
-  EXPECT_EQ(Skipped("  "), 0);
+  // A bare LF is not a line end here.
+  EXPECT_EQ(Results(Skipped, {" \t x", " \n x", "   \r\nNext: 1", "  "}), "3,1,0,0,");
   http_skip_spaces(nullptr);
 }
 
@@ -44,44 +41,36 @@ TEST_F(HttpHeadValues, ContentTypeRunsToTheLineEnd) {
 }
 
 TEST_F(HttpHeadValues, ChunkedAndConnectionClose) {
-  EXPECT_EQ(HTTP_parse_header_chunked("TRANSFER-ENCODING: CHUNKED\r\n"), 1);
-  EXPECT_EQ(HTTP_parse_header_chunked("X-A: chunked\r\nX-B: transfer-encoding\r\n"), 1);
-  EXPECT_EQ(HTTP_parse_header_chunked("Transfer-Encoding: chunked"), 0);
-  EXPECT_EQ(HTTP_parse_header_chunked("X-Mode: chunked\r\n"), 0);
-  EXPECT_EQ(HTTP_parse_header_chunked(nullptr), 0);
-  EXPECT_EQ(upnp_http_has_connection_close("connection:   CLOSE\r\n"), 1);
-  EXPECT_EQ(upnp_http_has_connection_close("Connection: TE, close\r\n"), 1);
+  EXPECT_EQ(Results(HTTP_parse_header_chunked,
+                    {"TRANSFER-ENCODING: CHUNKED\r\n", "X-A: chunked\r\nX-B: transfer-encoding\r\n",
+                     "Transfer-Encoding: chunked", "X-Mode: chunked\r\n", nullptr}),
+            "1,1,0,0,0,");
   // Past the value start only an exact "close" counts, but anywhere after the name.
-  EXPECT_EQ(upnp_http_has_connection_close("Connection: TE, Close\r\n"), 0);
-  EXPECT_EQ(upnp_http_has_connection_close("Connection: keep-alive\r\nX-Why: close\r\n"), 1);
-  EXPECT_EQ(upnp_http_has_connection_close("X-Why: close\r\n"), 0);
-  EXPECT_EQ(upnp_http_has_connection_close(nullptr), 0);
+  EXPECT_EQ(
+      Results(upnp_http_has_connection_close,
+              {"connection:   CLOSE\r\n", "Connection: TE, close\r\n", "Connection: TE, Close\r\n",
+               "Connection: keep-alive\r\nX-Why: close\r\n", "X-Why: close\r\n", nullptr}),
+      "1,1,0,1,0,0,");
 }
 
 TEST_F(HttpHeadValues, StatusAndContentLengthNumbers) {
-  EXPECT_EQ(HTTP_parse_header_response("HTTP/1.1  \t206 x"), 206);
-  EXPECT_EQ(HTTP_parse_header_response("HTTP/1.1 OK"), 0);
-  EXPECT_EQ(HTTP_parse_header_response("HTTP/1.1 99999999999"), INT_MAX);
-  EXPECT_EQ(HTTP_parse_header_response("HTTP/1.1 -99999999999"), INT_MIN);
-  EXPECT_EQ(HTTP_parse_header_response("HTTP/1.1"), 500);
-  EXPECT_EQ(HTTP_parse_header_response(nullptr), 500);
-  EXPECT_EQ(HTTP_parse_header_size("content-length:5000000000\r\n"), 5000000000LL);
-  EXPECT_EQ(HTTP_parse_header_size("Content-Length: -5\r\n"), 0);
-  EXPECT_EQ(HTTP_parse_header_size("Content-Length: \r\n"), 0);
-  EXPECT_EQ(HTTP_parse_header_size("Content-Type: a/b\r\n"), 0);
-  EXPECT_EQ(HTTP_parse_header_size(nullptr), 0);
+  EXPECT_EQ(Results(HTTP_parse_header_response,
+                    {"HTTP/1.1  \t206 x", "HTTP/1.1 OK", "HTTP/1.1 99999999999",
+                     "HTTP/1.1 -99999999999", "HTTP/1.1", nullptr}),
+            "206,0," + std::to_string(INT_MAX) + "," + std::to_string(INT_MIN) + ",500,500,");
+  EXPECT_EQ(
+      Results(HTTP_parse_header_size, {"content-length:5000000000\r\n", "Content-Length: -5\r\n",
+                                       "Content-Length: \r\n", "Content-Type: a/b\r\n", nullptr}),
+      "5000000000,0,0,0,0,");
 }
 
 TEST_F(HttpHeadValues, UnescapeInPlaceToleratesBrokenEscapes) {
-  EXPECT_EQ(Unescaped("a%20b+c").c_str(), std::string("a b c"));
-  EXPECT_EQ(Unescaped("/x%2Fy%3a%7E").c_str(), std::string("/x/y:~"));
   // Non-hex characters count as 0; a '%' needs two characters behind it and nothing past the
   // end is read; "%00" ends the text early.
-  EXPECT_EQ(Unescaped("%g1z").c_str(), std::string("\x01z"));
-  EXPECT_EQ(Unescaped("%%41").c_str(), std::string("\x04"
-                                                   "1"));
-  EXPECT_EQ(Unescaped("100%").c_str(), std::string("100%"));
-  EXPECT_EQ(Unescaped("ab%4").c_str(), std::string("ab%4"));
+  EXPECT_EQ(Results([](const char* in) { return std::string(Unescaped(in).c_str()); },
+                    {"a%20b+c", "/x%2Fy%3a%7E", "%g1z", "%%41", "100%", "ab%4"}),
+            "a b c,/x/y:~,\x01z,\x04"
+            "1,100%,ab%4,");
   EXPECT_EQ(Unescaped("a%00bc").substr(0, 4), std::string("a\0bc", 4));
   HTTP_unescape_url(nullptr);
 }
@@ -92,20 +81,11 @@ std::string Extension(const char* mime) { return Text(HTTP_get_extension_by_mime
 
 // Rows whose order or spelling matters: first match wins, whole extensions without case.
 TEST(HttpMime, LookupsByExtension) {
-  const std::pair<const char*, const char*> cases[] = {{"mod", "video/mpeg"},
-                                                       {"tts", "video/mpeg2"},
-                                                       {"3gp.a", "audio/mp4"},
-                                                       {"Mp4.A", "audio/mp4"},
-                                                       {"mpa", "audio/MPA"},
-                                                       {"3gp", "video/3gpp"},
-                                                       {"mpg-tts", "video/vnd.dlna.mpeg-tts"},
-                                                       {"xml", " text/xml; charset=\"utf-8\""},
-                                                       {"htm", "text/html; charset=utf-8"},
-                                                       {"MP3", "audio/mpeg"},
-                                                       {"mp33", "application/octet-stream"},
-                                                       {"", "application/octet-stream"},
-                                                       {nullptr, "<null>"}};
-  for (const auto& [extension, type] : cases) EXPECT_EQ(Type(extension), type) << Text(extension);
+  EXPECT_EQ(Results(Type, {"mod", "tts", "3gp.a", "Mp4.A", "mpa", "3gp", "mpg-tts", "xml", "htm",
+                           "MP3", "mp33", "", nullptr}),
+            "video/mpeg,video/mpeg2,audio/mp4,audio/mp4,audio/MPA,video/3gpp,"
+            "video/vnd.dlna.mpeg-tts, text/xml; charset=\"utf-8\",text/html; charset=utf-8,"
+            "audio/mpeg,application/octet-stream,application/octet-stream,<null>,");
   // With a request the client database is asked first; the stand-in knows no special types.
   auto* request = static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest)));
   request->client_id = 1;
@@ -119,14 +99,12 @@ TEST(HttpMime, LookupsByExtension) {
 }
 
 TEST(HttpMime, LookupsByTypeText) {
-  EXPECT_EQ(Extension("video/mpeg2"), "mpg");  // "video/mpeg" stands first and occurs in it
-  EXPECT_EQ(Extension("Content-Type: image/png\r\n"), "png");
-  // Case-sensitive, and the XML row needs its leading space.
-  EXPECT_EQ(Extension("IMAGE/PNG"), "<null>");
-  EXPECT_EQ(Extension("text/xml"), "<null>");
-  EXPECT_EQ(Extension("Content-Type: text/xml; charset=\"utf-8\""), "xml");
-  EXPECT_EQ(Extension("application/octet-stream"), "");  // the fallback row has none
-  EXPECT_EQ(Extension(nullptr), "<null>");
+  // "video/mpeg" stands first and occurs in "video/mpeg2"; case-sensitive; the XML row needs
+  // its leading space; the fallback row has no extension.
+  EXPECT_EQ(Results(Extension, {"video/mpeg2", "Content-Type: image/png\r\n", "IMAGE/PNG",
+                                "text/xml", "Content-Type: text/xml; charset=\"utf-8\"",
+                                "application/octet-stream", nullptr}),
+            "mpg,png,<null>,<null>,xml,,<null>,");
   EXPECT_EQ(HTTP_is_known_mime_type("http-get:*:audio/mpeg:DLNA.ORG_PN=MP3") +
                 HTTP_is_known_mime_type("application/octet-stream"),
             2);
@@ -138,14 +116,14 @@ struct Case {
   int64_t start, end, requested_start, requested_end;
 };
 
-class HttpRange : public tw::test::LeakCheck {
+class HttpRange : public LeakCheck {
  protected:
   void TearDown() override {
     request_.reset();
     LeakCheck::TearDown();
   }
   HttpRequest* Read(const std::string& url, const std::string& lines) {
-    request_ = tw::test::GetRequest(url, "Host: h\r\n" + lines);
+    request_ = GetRequest(url, "Host: h\r\n" + lines);
     HTTP_get_range_header(request_.get());
     return request_.get();
   }
@@ -156,7 +134,7 @@ class HttpRange : public tw::test::LeakCheck {
               std::make_tuple(c.start, c.end, c.requested_start, c.requested_end))
         << c.url << " " << c.lines;
   }
-  tw::test::RequestPtr request_;
+  RequestPtr request_;
 };
 
 TEST_F(HttpRange, ByteRanges) {
@@ -228,15 +206,13 @@ TEST(HttpTimeRange, ParsesAsWrittenWithItsOverflowRule) {
   EXPECT_EQ(clock, 0);
   EXPECT_EQ(HTTP_parse_time_range("1:00:00.000", &clock), 3600000u);
   EXPECT_EQ(clock, 1);
-  EXPECT_EQ(HTTP_parse_time_range(" 1 2.3", nullptr), 12003u);
-  EXPECT_EQ(HTTP_parse_time_range("5x7", nullptr), 5000u);
   // Without a fraction the clock form is 1000 times too large: ten minutes still fits, one
   // hour overflows and is capped.
-  EXPECT_EQ(HTTP_parse_time_range("0:10:00", nullptr), 600000000u);
-  EXPECT_EQ(HTTP_parse_time_range("1:00:00", nullptr), 2147483647u);
-  EXPECT_EQ(static_cast<int32_t>(HTTP_parse_time_range("", nullptr)), -2);
-  EXPECT_EQ(static_cast<int32_t>(HTTP_parse_time_range(":.", nullptr)), -2);
-  EXPECT_EQ(HTTP_parse_time_range(nullptr, nullptr), 0u);
+  const auto parse = [](const char* text) {
+    return static_cast<int32_t>(HTTP_parse_time_range(text, nullptr));
+  };
+  EXPECT_EQ(Results(parse, {" 1 2.3", "5x7", "0:10:00", "1:00:00", "", ":.", nullptr}),
+            "12003,5000,600000000,2147483647,-2,-2,0,");
 }
 
 TEST(HttpTimeRange, FormatsClockTimes) {

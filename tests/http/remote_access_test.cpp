@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/remote_access.h"
 
-#include "http/http_test_util.h"
+#include "http/authorization.h"
+#include "http/registry.h"
+#include "support/test_support.h"
 
 namespace {
 
-using tw::test::Take;
+using namespace tw::test;
 
-tw::test::RequestPtr RemoteRequest(const char* session) {
-  auto request = tw::test::GetRequest("/");
+RequestPtr RemoteRequest(const char* session) {
+  auto request = GetRequest("/");
   snprintf(request->session_parameter, sizeof(request->session_parameter), "%s", session);
   snprintf(request->base_url, sizeof(request->base_url), "http://1.2.3.4:9000/");
   return request;
@@ -24,7 +26,7 @@ std::string SetParameter(const char* url, const char* name, const char* value) {
   return Take(HTTP_set_url_parameter(upnp_string_create(url, 0), name, value));
 }
 
-class HttpRemoteAccess : public tw::test::LeakCheck {};
+class HttpRemoteAccess : public LeakCheck {};
 
 TEST_F(HttpRemoteAccess, EveryLinkPatternCarriesTheSessionWithItsSeparator) {
   const auto request = RemoteRequest("RAMSessionID=T");
@@ -56,7 +58,7 @@ TEST_F(HttpRemoteAccess, EveryLinkPatternCarriesTheSessionWithItsSeparator) {
 TEST_F(HttpRemoteAccess, RewriteUnderMemoryShortageNeverLeaks) {
   const auto request = RemoteRequest("RAMSessionID=T");
   const std::string full = "<a href=\"/a?RAMSessionID=T\">RAMSessionID=T";
-  tw::test::ForEachAllocFailure(
+  ForEachAllocFailure(
       [&] { return Rewrite(*request, "<a href=\"/a\"><!-- TOKEN -->"); },
       [&](const std::string& out, bool failed) {
         // The whole rewrite, the token step alone, or nothing when even that failed.
@@ -74,7 +76,7 @@ TEST_F(HttpRemoteAccess, RedirectsAreBare307sWithTheSessionAppended) {
       {"", "//web", "http://1.2.3.4:9000//web"},
   };
   for (const auto& [session, location, target] : cases) {
-    tw::test::PeerPair pair;
+    PeerPair pair;
     ASSERT_TRUE(pair.Open());
     auto request = RemoteRequest(session);
     request->socket = pair.server_fd();
@@ -102,10 +104,137 @@ TEST_F(HttpRemoteAccess, LanguageHeaderUsesTheTableCode) {
   for (const auto& [language, code] :
        {std::pair{"cht", "zh"}, std::pair{"jp", "ja"}, std::pair{"nl", "nl"}, std::pair{"", "*"},
         std::pair{"EN", "*"}}) {
-    tw::test::Owned header(upnp_http_build_language_header(language));
-    EXPECT_EQ(header.str(), std::string("Accept-Language: ") + code + "\r\n") << language;
+    EXPECT_EQ(Str(upnp_http_build_language_header(language)),
+              std::string("Accept-Language: ") + code + "\r\n")
+        << language;
   }
   EXPECT_EQ(upnp_http_build_language_header(nullptr), nullptr);
+}
+
+std::vector<std::string> g_tokens_seen;
+int32_t AcceptGoodTokens(const char* token, void*) {
+  g_tokens_seen.emplace_back(token);
+  return std::string(token).rfind("good", 0) == 0 ? 1 : 0;
+}
+
+RequestPtr MakeRequest(const std::string& url, const std::string& head, bool remote) {
+  auto request = GetRequest(url, head);
+  snprintf(request->client_ip, sizeof(request->client_ip), "10.1.2.3");
+  snprintf(request->base_url, sizeof(request->base_url), "http://192.168.1.5:9000/");
+  request->remote_session_pending = remote ? 1 : 0;
+  return request;
+}
+
+int32_t Check(const std::string& url, const std::string& head, bool remote) {
+  return HTTP_has_authorization(MakeRequest(url, head, remote).get());
+}
+
+class HttpAuthorization : public LeakCheck {
+ protected:
+  void SetUp() override {
+    LeakCheck::SetUp();
+    tw::http::ResetCredentials();
+    g_tokens_seen.clear();
+  }
+  void TearDown() override {
+    tw::http::ResetCredentials();
+    upnp_http_register_cookie_handler(nullptr);
+    tw::http::ForgetRemoteBaseUrl();
+    LeakCheck::TearDown();
+  }
+};
+
+TEST_F(HttpAuthorization, LocalRequestsNeedTheEncodedPairOnlyWhenBothCredentialsAreSet) {
+  EXPECT_EQ(Check("/a", "", false), 1);
+  EXPECT_EQ(HTTP_has_authorization(nullptr), 0);
+  HTTP_set_username_and_pwd("admin", nullptr, nullptr);  // first call: null password is empty
+  EXPECT_EQ(Check("/a", "", false), 1);
+  HTTP_set_username_and_pwd(nullptr, "secret", nullptr);  // later: only the new password
+  EXPECT_EQ(Check("/a", "", false), 0);
+  EXPECT_EQ(Check("/a", "X-Anything: YWRtaW46c2VjcmV0\r\n", false), 1);  // any header
+  EXPECT_EQ(Check("/a", "Authorization: Basic YWRtaW46c2VjcmV1\r\n", false), 0);
+  // The alternate pair is kept apart and changes nothing.
+  HTTP_set_username_and_pwd("other", "pw", "alternate");
+  char user[64], password[64];
+  tw::http::AlternateCredentials(user, password);
+  EXPECT_STREQ(user, "other");
+  EXPECT_STREQ(password, "pw");
+  EXPECT_EQ(Check("/a", "X: YWRtaW46c2VjcmV0\r\n", false), 1);
+  // A password handed over already scrambled is the same password.
+  char scrambled[64];
+  upnp_string_encrypt("pass2", scrambled, sizeof(scrambled));
+  HTTP_set_username_and_pwd(std::string(80, 'u').c_str(), scrambled, nullptr);
+  const std::string pair = Str(upnp_string_to_base64((std::string(63, 'u') + ":pass2").c_str()));
+  EXPECT_EQ(Check("/a", "X: " + pair + "\r\n", false), 1);
+}
+
+TEST_F(HttpAuthorization, QueryTokenIsServedAsWebbrowseWithADayLongCookie) {
+  EXPECT_EQ(Check("/ra?good1", "", true), 0);  // no cookie handler: refused
+  upnp_http_register_cookie_handler(&AcceptGoodTokens);
+  EXPECT_EQ(Check("/ra?", "", true), 0);
+  EXPECT_EQ(Check("/x/ra?bad", "", true), 0);
+  auto cookie_line = [](int64_t now) {
+    char expiry[64];
+    tw::http::FormatCookieExpiry(now + 86400, expiry, sizeof(expiry));
+    return "Set-Cookie: RAMSessionID=good1; expires=" + std::string(expiry) + "\r\n";
+  };
+  auto request = MakeRequest("/x/ra?good1", "", true);
+  const int64_t before = std::time(nullptr);
+  ASSERT_EQ(HTTP_has_authorization(request.get()), 1);
+  EXPECT_STREQ(request->url, "/webbrowse");
+  const std::string extra = request->extra_headers;
+  EXPECT_TRUE(extra == cookie_line(before) || extra == cookie_line(std::time(nullptr))) << extra;
+  // Without a learnt remote base URL there is no session parameter to hand to the handlers.
+  EXPECT_STREQ(request->session_parameter, "");
+  snprintf(request->url, sizeof(request->url), "/ra?good2");
+  ASSERT_EQ(HTTP_has_authorization(request.get()), 1);
+  EXPECT_EQ(std::string(request->extra_headers), extra);  // one Set-Cookie only
+  EXPECT_EQ(g_tokens_seen, (std::vector<std::string>{"bad", "good1", "good2"}));
+}
+
+TEST_F(HttpAuthorization, CookieOrUrlTokenAndTheLearntRemoteBase) {
+  upnp_http_register_cookie_handler(&AcceptGoodTokens);
+  EXPECT_EQ(Check("/a", "Host: x\r\n", true), 1);  // no session anywhere: nothing to check
+  EXPECT_TRUE(g_tokens_seen.empty());
+  EXPECT_EQ(Check("/a", "Cookie: RAMSessionID=badc; z=1\r\n", true), 0);
+  EXPECT_EQ(Check("/a", "Cookie: RAMSessionID=goodc; z=1\r\n", true), 1);
+  EXPECT_EQ(Check("/a?RAMSessionID", "Cookie: RAMSessionID=\r\n", true), 0);  // empty token
+  EXPECT_EQ(Check("/a?RAMSessionID=goodu", "Cookie: RAMSessionID=\r\n", true), 1);
+  EXPECT_EQ(g_tokens_seen, (std::vector<std::string>{"badc", "goodc", "goodu"}));
+
+  ASSERT_TRUE(tw::http::LearnRemoteBaseUrl("ext.example:8080", 16));
+  auto far = MakeRequest("/a", "Cookie: RAMSessionID=goodf\r\n", true);
+  ASSERT_EQ(HTTP_has_authorization(far.get()), 1);
+  EXPECT_STREQ(far->base_url, "http://ext.example:8080/");
+  EXPECT_STREQ(far->session_parameter, "RAMSessionID=goodf");
+  EXPECT_STREQ(far->extra_headers, "");  // cookie tokens set no cookie
+  auto near = MakeRequest("/a", "Cookie: RAMSessionID=goodn\r\n", true);
+  snprintf(near->client_ip, sizeof(near->client_ip), "192.168.1.77");
+  ASSERT_EQ(HTTP_has_authorization(near.get()), 1);
+  EXPECT_STREQ(near->base_url, "http://192.168.1.5:9000/");
+  EXPECT_STREQ(near->session_parameter, "RAMSessionID=goodn");
+}
+
+TEST_F(HttpAuthorization, SameNetworkComparesThreeOctetsAsText) {
+  EXPECT_TRUE(tw::http::SameNetwork("192.168.1.20", "http://192.168.1.5:9000/"));
+  EXPECT_FALSE(tw::http::SameNetwork("192.168.10.5", "http://192.168.1.5:9000/"));
+  EXPECT_FALSE(tw::http::SameNetwork("10.0.0.1", "http://10.0.0/"));  // only two dots
+  EXPECT_FALSE(tw::http::SameNetwork("10.0.0.1", "10.0.0.1"));        // no slashes
+}
+
+TEST_F(HttpAuthorization, CookieExpiryMatchesTheCalendar) {
+  char out[64];
+  tw::http::FormatCookieExpiry(4102444799, out, sizeof(out));  // beyond a 32-bit time_t
+  EXPECT_STREQ(out, "Thu, 31-Dec-2099 23:59:59 GMT");
+  for (int64_t t = 0; t < 2100000000; t += 700001) {  // 3000 days across 1970..2036
+    const time_t tt = static_cast<time_t>(t);
+    tm parts = {};
+    gmtime_r(&tt, &parts);
+    char expected[64];
+    strftime(expected, sizeof(expected), "%a, %d-%b-%Y %H:%M:%S GMT", &parts);
+    tw::http::FormatCookieExpiry(t, out, sizeof(out));
+    ASSERT_STREQ(out, expected) << t;
+  }
 }
 
 }  // namespace

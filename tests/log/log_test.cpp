@@ -1,15 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/log.h"
 
-#include <sys/stat.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <mutex>
-
 #include "support/test_support.h"
 
 namespace {
+
+using namespace tw::test;
 
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
@@ -53,7 +49,7 @@ bool IsLine(const std::string& line, const std::string& rest) {
 }
 
 // The process must survive critical messages here, so an exit function is always registered.
-class Log : public tw::test::LeakCheck {
+class Log : public LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
@@ -78,7 +74,7 @@ class Log : public tw::test::LeakCheck {
     EXPECT_EQ(upnp_log_init(path.c_str()), 1);
     return path;
   }
-  tw::test::TempDir dir_;
+  TempDir dir_;
 };
 
 TEST_F(Log, FilteredLinesReachTheFileAndTheAndroidLogAsInfo) {
@@ -94,7 +90,7 @@ TEST_F(Log, FilteredLinesReachTheFileAndTheAndroidLogAsInfo) {
   upnp_log_err_impl(UPNP_LOG_PERF, "e\n");
   upnp_log_message(7, 1u << 13, "odd");
   upnp_log_info_impl(1, "%s", "");  // no text, no line
-  const std::vector<std::string> lines = SplitLines(tw::test::ReadFile(path));
+  const std::vector<std::string> lines = SplitLines(ReadFile(path));
   ASSERT_EQ(lines.size(), 6u);
   EXPECT_TRUE(IsLine(lines[0], "[Debug] - LOG_HTTP: x=5 y\n")) << lines[0];
   EXPECT_TRUE(IsLine(lines[1], "[Info] - ?: combined\n")) << lines[1];
@@ -112,14 +108,14 @@ TEST_F(Log, FilteredLinesReachTheFileAndTheAndroidLogAsInfo) {
 
 TEST_F(Log, FileGetsItsDirectoriesIsAppendedToClearedAndItsNameCut) {
   ASSERT_EQ(mkdir(dir_.File("logs").c_str(), 0700), 0);
-  tw::test::WriteFile(dir_.File("logs/a.log"), "old\n");
+  WriteFile(dir_.File("logs/a.log"), "old\n");
   const std::string path = Init("logs/a.log");
   upnp_log_set_mode(1);
   upnp_log_info_impl(1, "appended");
-  EXPECT_EQ(tw::test::ReadFile(path).substr(0, 4), "old\n");
+  EXPECT_EQ(ReadFile(path).substr(0, 4), "old\n");
   upnp_log_clear();
   upnp_log_info_impl(1, "fresh");
-  EXPECT_EQ(SplitLines(tw::test::ReadFile(path)).size(), 1u);
+  EXPECT_EQ(SplitLines(ReadFile(path)).size(), 1u);
 
   EXPECT_STREQ(upnp_log_get_filename(), Init("logs/b/c.log").c_str());
   std::string longer = dir_.path();
@@ -131,7 +127,7 @@ TEST_F(Log, FileGetsItsDirectoriesIsAppendedToClearedAndItsNameCut) {
 }
 
 TEST_F(Log, OpenAndWriteFailuresFallBackToStandardOutput) {
-  tw::test::WriteFile(dir_.File("plain"), "");
+  WriteFile(dir_.File("plain"), "");
   const std::string bad = dir_.File("plain/x.log");
   CaptureStdout();
   CaptureStderr();
@@ -140,7 +136,7 @@ TEST_F(Log, OpenAndWriteFailuresFallBackToStandardOutput) {
   EXPECT_EQ(GetCapturedStdout(), "can't open log file (" + bad + ")\n");
   EXPECT_EQ(upnp_log_get_filename(), nullptr);
 
-  if (!tw::test::FileExists("/dev/full")) GTEST_SKIP() << "no /dev/full";
+  if (!FileExists("/dev/full")) GTEST_SKIP() << "no /dev/full";
   ASSERT_EQ(upnp_log_init("/dev/full"), 1);  // never clear this one
   upnp_log_set_mode(1);
   CaptureStdout();
@@ -162,7 +158,7 @@ TEST_F(Log, ThreadHoldingTheLockStillLogs) {
   ASSERT_EQ(lock_log(), 1);
   upnp_log_info_impl(1, "inside");
   unlock_log();
-  EXPECT_EQ(SplitLines(tw::test::ReadFile(path)).size(), 1u);
+  EXPECT_EQ(SplitLines(ReadFile(path)).size(), 1u);
 
   ASSERT_EQ(std::rename(path.c_str(), dir_.File("moved").c_str()), 0);
   ASSERT_EQ(mkdir(path.c_str(), 0700), 0);  // the reopen in clear now fails and logs
@@ -189,7 +185,7 @@ TEST_F(Log, ConcurrentLinesStayWholeAndInOrderInBothSinks) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_FALSE(g_sink_overlap);
-  const std::vector<std::string> lines = SplitLines(tw::test::ReadFile(path));
+  const std::vector<std::string> lines = SplitLines(ReadFile(path));
   ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
   ASSERT_EQ(g_sink.size(), lines.size());
   std::vector<int> next(kThreads, 0);
@@ -216,7 +212,7 @@ TEST_F(Log, CriticalWritesBothLinesThenRunsHandlerThenExitsEvenWhenOff) {
     EXPECT_TRUE(IsLine(GetCapturedStdout(), "[Critical] - LOG_SSDP:boom 7\n"));
     EXPECT_EQ(g_events, (std::vector<std::string>{"handler", "exit 0"}));
   }
-  EXPECT_TRUE(IsLine(tw::test::ReadFile(path), "[Critical] - LOG_SSDP: boom 7\n"));
+  EXPECT_TRUE(IsLine(ReadFile(path), "[Critical] - LOG_SSDP: boom 7\n"));
   EXPECT_EQ(g_sink.size(), 1u);
   ASSERT_EQ(upnp_log_init(nullptr), 1);
   EXPECT_EQ(upnp_log_get_filename(), nullptr);

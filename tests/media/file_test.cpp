@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <unistd.h>
 
 #include "platform/file_handle.h"
 #include "support/test_support.h"
 
 namespace {
 
-class MediaFile : public tw::test::LeakCheck {
+using namespace tw::test;
+
+class MediaFile : public LeakCheck {
  protected:
   std::string Path(const std::string& name) const { return tmp_.File(name); }
-  tw::test::TempDir tmp_;
+  TempDir tmp_;
 };
 
 std::string Pattern(size_t n) {
@@ -45,7 +46,7 @@ TEST_F(MediaFile, OpenWriteAppendReadAndEof) {
 }
 
 TEST_F(MediaFile, GetsKeepsTheLineFeedAndStandsBehindIt) {
-  tw::test::WriteFile(Path("g"), "one\n\ntwo and more\nlast");
+  WriteFile(Path("g"), "one\n\ntwo and more\nlast");
   upnp_file* f = upnp_file_open_read(Path("g").c_str());
   ASSERT_NE(f, nullptr);
   char buf[8];
@@ -65,15 +66,15 @@ TEST_F(MediaFile, GetsKeepsTheLineFeedAndStandsBehindIt) {
 TEST_F(MediaFile, CopyAroundTheBlockSize) {
   for (size_t n : {0u, 8191u, 8192u, 8193u, 3u * 8192u + 5u}) {
     const std::string data = Pattern(n);
-    tw::test::WriteFile(Path("src"), data);
-    tw::test::WriteFile(Path("dst"), std::string(n + 100, 'z'));  // longer old destination
+    WriteFile(Path("src"), data);
+    WriteFile(Path("dst"), std::string(n + 100, 'z'));  // longer old destination
     EXPECT_EQ(upnp_file_copy(Path("src").c_str(), Path("dst").c_str()), 0) << n;
-    EXPECT_EQ(tw::test::ReadFile(Path("dst")), data) << n;
+    EXPECT_EQ(ReadFile(Path("dst")), data) << n;
     EXPECT_EQ(upnp_file_copy(Path("src").c_str(), Path("src").c_str()), 0) << n;
-    EXPECT_EQ(tw::test::ReadFile(Path("src")), data) << "copied onto itself, " << n;
+    EXPECT_EQ(ReadFile(Path("src")), data) << "copied onto itself, " << n;
   }
   EXPECT_EQ(upnp_file_copy(Path("missing").c_str(), Path("d2").c_str()), -1);
-  EXPECT_FALSE(tw::test::FileExists(Path("d2")));
+  EXPECT_FALSE(FileExists(Path("d2")));
   EXPECT_EQ(upnp_file_copy(Path("src").c_str(), Path("no/dir").c_str()), -1);
 }
 
@@ -84,7 +85,7 @@ TEST_F(MediaFile, MultiPartReadsAndSeeksAcrossParts) {
   upnp_file* f = nullptr;
   for (size_t i = 0, at = 0; i < 4; at += lengths[i++]) {
     const std::string path = Path("part" + std::to_string(i));
-    tw::test::WriteFile(path, whole.substr(at, lengths[i]));
+    WriteFile(path, whole.substr(at, lengths[i]));
     if (f == nullptr) f = upnp_mediafile_open_read(path.c_str());
     ASSERT_NE(f, nullptr);
     ASSERT_EQ(upnp_mediafile_add_part(f, path.c_str(), lengths[i]), 0);
@@ -125,7 +126,7 @@ TEST_F(MediaFile, MultiPartReadsAndSeeksAcrossParts) {
 }
 
 TEST_F(MediaFile, IncompleteFileRetriesOnceAndStat) {
-  tw::test::WriteFile(Path("grow"), "");
+  WriteFile(Path("grow"), "");
   char buf[4];
   upnp_file* plain = upnp_file_open_read(Path("grow").c_str());
   ASSERT_NE(plain, nullptr);
@@ -133,7 +134,7 @@ TEST_F(MediaFile, IncompleteFileRetriesOnceAndStat) {
   EXPECT_EQ(upnp_mediafile_read(plain, buf, sizeof buf), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(45))
       << "an incomplete file retries an empty read after 50 ms";
-  tw::test::WriteFile(Path("grow"), "abcdef");
+  WriteFile(Path("grow"), "abcdef");
   EXPECT_EQ(upnp_mediafile_seek(plain, -2, UPNP_FILE_SEEK_END), 4);
   EXPECT_EQ(upnp_mediafile_read(plain, buf, sizeof buf), 2);
   upnp_file_close(plain);
@@ -141,6 +142,93 @@ TEST_F(MediaFile, IncompleteFileRetriesOnceAndStat) {
   EXPECT_EQ(upnp_mediafile_stat(Path("grow").c_str(), &st), 0);
   EXPECT_EQ(st.size, 6u);
   EXPECT_NE(upnp_mediafile_stat(Path("missing").c_str(), &st), 0);
+}
+
+class MediaPath : public LeakCheck {
+ protected:
+  // top/{a, d1/{b, link -> out, d2/{c}}, empty/}; out/keep lies outside the tree.
+  void MakeTree() {
+    for (const char* d : {"top", "top/d1", "top/d1/d2", "top/empty", "out"}) {
+      ASSERT_EQ(mkdir(tmp_.File(d).c_str(), 0755), 0);
+    }
+    for (const char* f : {"top/a", "top/d1/b", "top/d1/d2/c", "out/keep"}) {
+      WriteFile(tmp_.File(f), "x");
+    }
+    ASSERT_EQ(symlink(tmp_.File("out").c_str(), tmp_.File("top/d1/link").c_str()), 0);
+  }
+  TempDir tmp_;
+};
+
+TEST_F(MediaPath, BuildAndFullPath) {
+  EXPECT_EQ(Str(upnp_file_build_path("dir/", "/name")), "dir/name");
+  EXPECT_EQ(Str(upnp_file_build_path("c:\\dir\\", "\\x")), "c:\\dir/x");
+  EXPECT_EQ(Str(upnp_file_build_path("dir//", "//name")), "dir///name");  // one each side only
+  EXPECT_EQ(upnp_file_build_path("", "name"), nullptr);
+  EXPECT_EQ(upnp_file_build_path("dir", nullptr), nullptr);
+  EXPECT_EQ(Str(upnp_file_fullpath("c:\\a\\b/c")), "c:/a/b/c");
+  EXPECT_EQ(upnp_file_fullpath(nullptr), nullptr);
+}
+
+TEST_F(MediaPath, SplitPath) {
+  const char* const kNull = nullptr;
+  const struct {
+    const char *path, *dir, *name;
+  } cases[] = {
+      {"a/b/c.txt", "a/b", "c.txt"},  {"a/b\\c.txt", "a/b", "c.txt"}, {"a/b/", "a/b", kNull},
+      {"c:\\x.ini", "c:\\", "x.ini"}, {"c:\\", "c:\\", kNull},        {"c:\\d\\x", "c:\\d", "x"},
+      {"plain", "plain", "plain"},    {"/root", "/root", "/root"},    {"", kNull, kNull},
+  };
+  for (const auto& c : cases) {
+    char* dir = reinterpret_cast<char*>(1);
+    char* name = reinterpret_cast<char*>(1);
+    upnp_file_split_path(c.path, &dir, &name);
+    EXPECT_EQ(Str(dir) + "|" + Str(name),
+              std::string(c.dir ? c.dir : "<null>") + "|" + (c.name ? c.name : "<null>"))
+        << c.path;
+  }
+  char* only = nullptr;
+  upnp_file_split_path("a/b", nullptr, &only);
+  EXPECT_EQ(Str(only), "b");
+}
+
+TEST_F(MediaPath, CreatePathMakesEachLevel) {
+  ASSERT_EQ(mkdir(tmp_.File("x").c_str(), 0755), 0);
+  EXPECT_EQ(upnp_file_create_path(tmp_.File("x/y/z").c_str()), 0);
+  EXPECT_EQ(upnp_file_create_path((tmp_.path() + "\\b1\\b2\\").c_str()), 0);
+  EXPECT_EQ(upnp_file_ensure_path_exists(tmp_.File("x/y/z").c_str()), 0);
+  EXPECT_EQ(upnp_is_file(tmp_.File("x/y/z").c_str()), 0);
+  EXPECT_EQ(upnp_file_exists(tmp_.File("b1/b2").c_str()), 1);
+  EXPECT_EQ(upnp_file_create_path(""), -1);
+
+  WriteFile(tmp_.File("file"), "x");
+  EXPECT_EQ(upnp_is_file(tmp_.File("file").c_str()), 1);
+  EXPECT_EQ(upnp_file_create_path(tmp_.File("file/sub/leaf").c_str()), -1);
+}
+
+TEST_F(MediaPath, TreeRemovalsNeverFollowLinks) {
+  MakeTree();
+  upnp_file_empty_dir(tmp_.File("top/d1").c_str());
+  EXPECT_FALSE(FileExists(tmp_.File("top/d1/b")));
+  EXPECT_FALSE(FileExists(tmp_.File("top/d1/link")));
+  EXPECT_TRUE(FileExists(tmp_.File("top/d1/d2/c")));
+  upnp_file_remove_dir_sub_tree(tmp_.File("top").c_str());
+  EXPECT_TRUE(FileExists(tmp_.File("top")));
+  EXPECT_FALSE(FileExists(tmp_.File("top/a")) || FileExists(tmp_.File("top/d1")) ||
+               FileExists(tmp_.File("top/empty")));
+  ASSERT_EQ(symlink(tmp_.File("out").c_str(), tmp_.File("top/link").c_str()), 0);
+  upnp_file_remove_dir_tree(tmp_.File("top").c_str());
+  EXPECT_FALSE(FileExists(tmp_.File("top")));
+  EXPECT_TRUE(FileExists(tmp_.File("out/keep")));
+  upnp_file_remove_dir_tree(nullptr);
+}
+
+TEST_F(MediaPath, BackgroundRemovalFinishesAndFreesItsCopy) {
+  MakeTree();
+  upnp_file_remove_dir_tree_background(tmp_.File("top").c_str());
+  upnp_file_remove_dir_tree_background("");
+  // The thread frees its copy of the name after the tree is gone (the fixture checks the memory).
+  EXPECT_TRUE(WaitFor([&] { return !FileExists(tmp_.File("top")) && upnp_mem_used() == start_; }));
+  EXPECT_TRUE(FileExists(tmp_.File("out/keep")));
 }
 
 }  // namespace

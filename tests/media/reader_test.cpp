@@ -1,22 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "media/reader.h"
 
-#include <algorithm>
-
 #include "support/test_support.h"
 
 namespace {
 
-class MediaReader : public tw::test::LeakCheck {
+using namespace tw::test;
+
+class MediaReader : public LeakCheck {
  protected:
   upnp_file_b* Open(const std::string& bytes, uint32_t buffer_size) {
     const std::string path = tmp_.File("r" + std::to_string(++count_));
-    tw::test::WriteFile(path, bytes);
+    WriteFile(path, bytes);
     upnp_file_b* r = upnp_file_open_read_b(path.c_str(), buffer_size);
     EXPECT_NE(r, nullptr);
     return r;
   }
-  tw::test::TempDir tmp_;
+  TempDir tmp_;
   int count_ = 0;
 };
 
@@ -134,7 +134,7 @@ TEST_F(MediaReader, BitReaderTakesBit15AndDoublesOnTheSlowPath) {
 
 TEST_F(MediaReader, BadInputGivesNeutralResults) {
   EXPECT_EQ(upnp_file_open_read_b(tmp_.File("missing").c_str(), 16), nullptr);
-  tw::test::WriteFile(tmp_.File("x"), "x");
+  WriteFile(tmp_.File("x"), "x");
   EXPECT_EQ(upnp_file_open_read_b(tmp_.File("x").c_str(), 0), nullptr);
   upnp_file_b* empty = Open("", 8);
   ASSERT_NE(empty, nullptr);

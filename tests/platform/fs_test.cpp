@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <ctime>
 
 #include "platform/file_handle.h"
 #include "platform/folders_internal.h"
@@ -14,11 +9,7 @@
 
 namespace {
 
-using ::testing::ElementsAre;
-using tw::test::ReadFile;
-using tw::test::WriteFile;
-
-std::string Take(char* text) { return tw::test::Owned(text).str(); }
+using namespace tw::test;
 
 upnp_stat Stat(const std::string& path) {
   upnp_stat st{};
@@ -31,12 +22,12 @@ void WriteAndClose(int32_t fd, const std::string& text) {
   close_file(fd);
 }
 
-class PlatformFs : public tw::test::LeakCheck {
+class PlatformFs : public LeakCheck {
  protected:
   ~PlatformFs() override { umask(old_umask_); }
   std::string File(const char* name) { return dir_.File(name); }
   const mode_t old_umask_ = umask(0);  // modes as the library asks for them
-  tw::test::TempDir dir_;
+  TempDir dir_;
 };
 
 TEST_F(PlatformFs, RawOpensStatTouchAndNameChanges) {
@@ -141,8 +132,8 @@ TEST_F(PlatformFs, ListingSkipsHiddenEntriesAndFlagsDirectoriesAndLinks) {
 
 TEST_F(PlatformFs, ListingUnderMemoryShortageEndsEarlyWithoutLeaks) {
   for (const char* name : {"f0", "f1", "f2"}) WriteFile(File(name), "x");
-  tw::test::ForEachAllocFailure([&] { return List(dir_.path(), dir_.path()).size(); },
-                                [](size_t seen, bool failed) { EXPECT_EQ(seen < 3, failed); });
+  ForEachAllocFailure([&] { return List(dir_.path(), dir_.path()).size(); },
+                      [](size_t seen, bool failed) { EXPECT_EQ(seen < 3, failed); });
 }
 
 TEST_F(PlatformFs, DiskInfoInKilobytes) {
@@ -165,17 +156,17 @@ TEST_F(PlatformFs, DiskInfoInKilobytes) {
 
 TEST_F(PlatformFs, FoldersForRootUnknownAndKnownUsers) {
   using tw::platform::MediaDirFor;
-  EXPECT_EQ(Take(tw::platform::AppDataDirFor(nullptr)), "/var/tarnwick");
-  EXPECT_EQ(Take(tw::platform::AppDataDirFor("/home/ann")), "/home/ann/.tarnwick");
-  EXPECT_EQ(Take(MediaDirFor(nullptr, "/sdcard/", "music")), "/sdcard/tarnwick/music");
-  EXPECT_EQ(Take(MediaDirFor(nullptr, "D:\\m\\", "music")), "D:\\m\\tarnwick/music");
-  EXPECT_EQ(Take(MediaDirFor(nullptr, nullptr, "music")), "/tarnwick/music");
-  EXPECT_EQ(Take(MediaDirFor("/home/ann", "/sdcard", "pictures")), "/home/ann/tarnwick/pictures");
+  EXPECT_EQ(Str(tw::platform::AppDataDirFor(nullptr)), "/var/tarnwick");
+  EXPECT_EQ(Str(tw::platform::AppDataDirFor("/home/ann")), "/home/ann/.tarnwick");
+  EXPECT_EQ(Str(MediaDirFor(nullptr, "/sdcard/", "music")), "/sdcard/tarnwick/music");
+  EXPECT_EQ(Str(MediaDirFor(nullptr, "D:\\m\\", "music")), "D:\\m\\tarnwick/music");
+  EXPECT_EQ(Str(MediaDirFor(nullptr, nullptr, "music")), "/tarnwick/music");
+  EXPECT_EQ(Str(MediaDirFor("/home/ann", "/sdcard", "pictures")), "/home/ann/tarnwick/pictures");
   const passwd* pw = getuid() != 0 ? getpwuid(getuid()) : nullptr;  // root counts as unknown
   const std::string home = pw != nullptr && pw->pw_dir != nullptr ? pw->pw_dir : "";
-  EXPECT_EQ(Take(getAppDataDir()), home.empty() ? "/var/tarnwick" : home + "/.tarnwick");
-  EXPECT_EQ(Take(getMyVideoDir("/sdcard")), (home.empty() ? "/sdcard" : home) + "/tarnwick/videos");
-  EXPECT_EQ(Take(getPathExpandSpecialFolders("%MUSIC%")), "%MUSIC%") << "nothing is expanded";
+  EXPECT_EQ(Str(getAppDataDir()), home.empty() ? "/var/tarnwick" : home + "/.tarnwick");
+  EXPECT_EQ(Str(getMyVideoDir("/sdcard")), (home.empty() ? "/sdcard" : home) + "/tarnwick/videos");
+  EXPECT_EQ(Str(getPathExpandSpecialFolders("%MUSIC%")), "%MUSIC%") << "nothing is expanded";
 }
 
 }  // namespace

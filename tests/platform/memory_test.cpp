@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <algorithm>
-#include <cstdlib>
 
 #include "platform/allocator.h"
 #include "support/test_support.h"
 
 namespace {
+
+using namespace tw::test;
 
 int32_t Used() { return static_cast<int32_t>(upnp_mem_used()); }
 

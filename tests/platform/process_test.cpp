@@ -3,18 +3,16 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-
 #include "platform/process_internal.h"
 #include "support/test_support.h"
 
 namespace {
 
+using namespace tw::test;
+
 using tw::platform::ActiveProcessCount;
 using tw::platform::ActiveProcessId;
 using Tokens = std::vector<std::string>;
-
-using tw::test::WaitFor;
 
 bool IsZombie(pid_t pid) {  // ended but not yet reaped (WNOWAIT leaves it so)
   siginfo_t info{};
@@ -41,11 +39,11 @@ TEST(PlatformParams, BlanksSeparateDoubleQuotesGroupInPlace) {
   EXPECT_EQ(tw::platform::SplitParams(nullptr, argv, 2, 3), 2);
 }
 
-class PlatformProcess : public tw::test::LeakCheck {
+class PlatformProcess : public LeakCheck {
  protected:
   void TearDown() override {
     terminate_active_processes();
-    tw::test::LeakCheck::TearDown();
+    LeakCheck::TearDown();
   }
   static int Start(const std::string& program, std::string params = "30") {
     return system_call_no_wait(program.c_str(), params.data());
@@ -73,12 +71,12 @@ TEST_F(PlatformProcess, RunningProgramIsRefusedEndedOnesAreReapedArgumentsArrive
   ASSERT_EQ(ActiveProcessCount(), 1);
   EXPECT_NE(ActiveProcessId(0), middle);
 
-  tw::test::TempDir dir;  // $0 is "zero"; the quoted "two words" is one argument, so $# is 2
+  TempDir dir;  // $0 is "zero"; the quoted "two words" is one argument, so $# is 2
   ASSERT_EQ(Start("/bin/sh",
                   "-c \"printf %s: $# $1 > " + dir.File("args") + "\" zero \"two words\" three"),
             0);
   ASSERT_TRUE(WaitFor([] { return check_active_processes("/bin/sh") == 0; }));
-  EXPECT_EQ(tw::test::ReadFile(dir.File("args")), "2:two:words:");
+  EXPECT_EQ(ReadFile(dir.File("args")), "2:two:words:");
 }
 
 TEST_F(PlatformProcess, FullTableRefusesWithoutStarting) {
@@ -95,12 +93,11 @@ int CountCalls(void* arg) { return (++*static_cast<int*>(arg), 0); }  // keeps t
 int StopAtOnce(void*) { return 42; }
 
 TEST_F(PlatformProcess, WaitingCallsRunThroughNiceAndCallbacksCanKillTheChild) {
-  tw::test::TempDir dir;
+  TempDir dir;
   // nice without options prints the niceness it runs at: the child's lowered priority.
   const std::string params = "-c \"/usr/bin/nice > " + dir.File("nice") + "\"";
   EXPECT_EQ(system_call_waiting("/bin/sh", params.c_str()), 0);
-  EXPECT_EQ(std::stoi(tw::test::ReadFile(dir.File("nice"))),
-            std::min(getpriority(PRIO_PROCESS, 0) + 10, 19));
+  EXPECT_EQ(std::stoi(ReadFile(dir.File("nice"))), std::min(getpriority(PRIO_PROCESS, 0) + 10, 19));
   EXPECT_EQ(system_call_waiting(nullptr, nullptr), -1);
 
   int calls = 0;

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <cstdlib>
-#include <ctime>
 #include <optional>
 
 #include "platform/time_internal.h"
@@ -8,7 +6,7 @@
 
 namespace {
 
-using ::testing::ElementsAre;
+using namespace tw::test;
 
 constexpr int64_t kRfcExample = 784111777;  // 1994-11-06 08:49:37 UTC, a Sunday
 constexpr int64_t kYear2100 = 4102444800;
@@ -64,11 +62,11 @@ TEST(PlatformTime, HttpDatesWithAndWithoutTheDailyCache) {
 }
 
 // Runs with TZ set to chosen zones; restores the old zone and forgets the learned offset.
-class PlatformTimeZone : public tw::test::LeakCheck {
+class PlatformTimeZone : public LeakCheck {
  protected:
   void TearDown() override {
     UseZone(old_tz_ ? old_tz_->c_str() : nullptr);
-    tw::test::LeakCheck::TearDown();
+    LeakCheck::TearDown();
   }
   static void UseZone(const char* tz) {
     tz != nullptr ? setenv("TZ", tz, 1) : unsetenv("TZ");
@@ -106,7 +104,7 @@ TEST_F(PlatformTimeZone, ParsedDatesReadAsGmtInAnyZoneAndTheOffsetIsLoggedOnce) 
     EXPECT_EQ(g_timeZoneOffsetInSeconds, 1) << "1 means not yet known";
     // A fraction is ignored, summer time must not shift, a missing day counts 0 (31 October).
     std::vector<int64_t> got;
-    const std::string log = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
+    const std::string log = Logged(UPNP_LOG_SYSTEM, [&] {
       got = {parse("1994-11-06T08:49:37"), parse("1994-11-06 08:49:37.987"),
              parse("2024-07-01T12:00:00"), parse("1994-11"),
              kWideTime ? parse("2100-01-01T00:00:00") : kYear2100};

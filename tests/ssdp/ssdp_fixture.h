@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared fixture of the discovery tests: fresh settings, a server record on this process's own
-// loopback address, and a teardown that ends every discovery thread before the leak check.
+// Shared fixtures of the discovery and server tests.
 #pragma once
 
-#include <sys/socket.h>
-
-#include <mutex>
 #include <regex>
 
-#include "platform/socket.h"
 #include "core/udn.h"
+#include "platform/socket.h"
 #include "ssdp/ssdp_internal.h"
-#include "support/ssdp_probe.h"
 #include "support/test_support.h"
 
 namespace tw::test {
@@ -98,7 +93,9 @@ inline upnp_ssdp_answer* NewAnswer(int32_t delay, int port, upnp_server_data* se
   return answer;
 }
 
-class SsdpTest : public LeakCheck {
+// Fresh settings (no start delay, data in a temporary directory) and discovery state; the
+// teardown ends the log, the discovery and the settings.
+class DiscoveryTest : public LeakCheck {
  protected:
   void SetUp() override {
     LeakCheck::SetUp();
@@ -108,9 +105,24 @@ class SsdpTest : public LeakCheck {
     ssdp::ResetSettingsForTesting();
     ssdp::ResetRequestsForTesting();
     ssdp::ClearHandlersForTesting();
+    strIFblacklist[0] = '\0';
+  }
+  void TearDown() override {
+    if (log_.active) log_.Stop();
+    SSDP_exit();
+    while (upnp_ini_file_is_initialized() != 0) upnp_ini_file_release();
+    LeakCheck::TearDown();
+  }
+  TempDir dir_;
+  LogCapture log_;
+};
+
+class SsdpTest : public DiscoveryTest {
+ protected:
+  void SetUp() override {
+    DiscoveryTest::SetUp();
     ssdp::SetTickForTesting(0);
     core::ResetDeviceUdnsForTesting();
-    strIFblacklist[0] = '\0';
     __atomic_store_n(&g_nInstance, 0, __ATOMIC_RELAXED);
     address_ = ProcessLoopbackAddress();
     std::snprintf(record_.ip_address, sizeof(record_.ip_address), "%s", address_.c_str());
@@ -124,10 +136,7 @@ class SsdpTest : public LeakCheck {
   }
   void TearDown() override {
     EndThreads();
-    if (log_.active()) log_.Stop();
-    SSDP_exit();
-    while (upnp_ini_file_is_initialized() != 0) upnp_ini_file_release();
-    LeakCheck::TearDown();
+    DiscoveryTest::TearDown();
   }
   static void SetState(int32_t state) {
     __atomic_store_n(&g_server_running, state, __ATOMIC_RELEASE);
@@ -158,10 +167,8 @@ class SsdpTest : public LeakCheck {
     return "http://" + address_ + ":9000/" + device + "Description.xml";
   }
 
-  TempDir dir_;
   std::string address_;
   upnp_server_data record_{};
-  tw::test::LogCapture log_;
 };
 
 }  // namespace tw::test

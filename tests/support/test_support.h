@@ -1,26 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared helpers of the unit tests, and the headers every test program uses: test files add only
-// the internal and operating-system headers they need beyond these.
+// Shared helpers of the unit tests, and the headers every test program uses.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "platform/test_hooks.h"
+#include "support/http_peer.h"
+#include "support/ssdp_probe.h"
 #include "tarnwick/upnp.h"
 
 namespace tw::test {
@@ -29,9 +46,8 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 
-// Fixture base: fails the test when accounted memory is not back to its start value after the
-// test body and its own TearDown have run (derived fixtures call LeakCheck::TearDown last). A
-// planned allocation failure never outlives the test.
+// Fails the test when accounted memory is not back to its start value after the test (derived
+// fixtures call LeakCheck::TearDown last). A planned allocation failure never outlives the test.
 class LeakCheck : public ::testing::Test {
  protected:
   void SetUp() override { start_ = upnp_mem_used(); }
@@ -43,10 +59,17 @@ class LeakCheck : public ::testing::Test {
   uint32_t start_ = 0;
 };
 
-// Polls done every millisecond until it says yes (true) or limit has passed (false).
-// Every wait of the tests goes through here, so none can hang.
-bool WaitFor(const std::function<bool()>& done,
-             std::chrono::milliseconds limit = std::chrono::seconds(10));
+// Polls done every millisecond until it says yes or limit has passed: every wait of the tests
+// goes through here, so none can hang. Never asks again after a yes (done may consume).
+inline bool WaitFor(const std::function<bool()>& done,
+                    std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    if (done()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
 
 // Runs op with the n-th allocation failing for n = 0, 1, ... until it runs without the planned
 // failure; check(result, failed) sees each result and must release it.
@@ -66,11 +89,19 @@ void ForEachAllocFailure(Op op, Check check) {
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents on destruction.
 class TempDir {
  public:
-  TempDir();
-  ~TempDir();
+  TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string templ =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/twt.XXXXXX";
+    path_ = mkdtemp(templ.data()) != nullptr ? templ : "";
+    if (path_.empty()) ADD_FAILURE() << "mkdtemp failed for " << templ;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+  }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
   const std::string& path() const { return path_; }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
 
@@ -78,13 +109,29 @@ class TempDir {
   std::string path_;
 };
 
-std::string ReadFile(const std::string& path);
-void WriteFile(const std::string& path, const std::string& bytes);
-bool FileExists(const std::string& path);
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+inline bool FileExists(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
+}
 
-// True when the process sits in a network namespace whose only interface is "lo". Tests that
-// open sockets GTEST_SKIP() otherwise, so they never touch a real network.
-bool InLoopbackOnlyNamespace();
+// Tests that open sockets skip unless lo is the only interface, so they never touch a network.
+inline bool InLoopbackOnlyNamespace() {
+  struct if_nameindex* names = if_nameindex();
+  if (names == nullptr) return false;
+  const bool only_lo =
+      names[0].if_index != 0 && std::strcmp(names[0].if_name, "lo") == 0 && names[1].if_index == 0;
+  if_freenameindex(names);
+  return only_lo;
+}
 
 #define TW_REQUIRE_LOOPBACK_NAMESPACE()                                              \
   do {                                                                               \
@@ -92,23 +139,25 @@ bool InLoopbackOnlyNamespace();
       GTEST_SKIP() << "needs a loopback-only network namespace (run via make test)"; \
   } while (0)
 
-// Captures the library's log lines: logging to standard output with the given mode while active.
-// Stop returns what was written and switches the log off again.
-class LogCapture {
- public:
-  LogCapture() = default;
+// The library's log lines at the given mode, through standard output, from Start until Stop.
+struct LogCapture {
   ~LogCapture() {
-    if (active_) Stop();
+    if (active) Stop();
   }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  void Start(uint32_t mode);
-  std::string Stop();
-  bool active() const { return active_; }
-
- private:
-  bool active_ = false;
+  void Start(uint32_t mode) {
+    upnp_log_init(nullptr);
+    upnp_log_set_mode(mode);
+    testing::internal::CaptureStdout();
+    active = true;
+  }
+  std::string Stop() {
+    active = false;
+    std::string text = testing::internal::GetCapturedStdout();
+    upnp_log_set_mode(0);
+    upnp_log_exit();
+    return text;
+  }
+  bool active = false;
 };
 
 // Runs body with the log captured at the given mode and returns what it wrote.
@@ -120,23 +169,59 @@ std::string Logged(uint32_t mode, Body&& body) {
   return capture.Stop();
 }
 
-// Frees an accounted C string when it leaves scope.
-struct Owned {
-  explicit Owned(char* p) : ptr(p) {}
-  ~Owned() {
-    if (ptr != nullptr) upnp_free_impl(ptr);
-  }
-  Owned(const Owned&) = delete;
-  Owned& operator=(const Owned&) = delete;
-  const char* get() const { return ptr; }
-  std::string str() const { return ptr != nullptr ? std::string(ptr) : std::string("<null>"); }
-  char* ptr;
-};
+// The text of an accounted C string ("<null>" for none), which is freed.
+inline std::string Str(char* text) {
+  const std::string copy = text != nullptr ? text : "<null>";
+  if (text != nullptr) upnp_free_impl(text);
+  return copy;
+}
 
 // The text of a dynamic string ("<null>" for none or one without buffer), which is freed.
-std::string Take(upnp_string* s);
+inline std::string Take(upnp_string* s) {
+  std::string text = s != nullptr && s->buffer != nullptr ? std::string(s->buffer, s->length)
+                                                          : std::string("<null>");
+  upnp_string_free(s);
+  return text;
+}
+
+// fn applied to each input, every result followed by ',': one comparison shows all the rows.
+template <typename Fn>
+std::string Results(Fn fn, std::initializer_list<const char*> inputs) {
+  std::string got;
+  for (const char* in : inputs) {
+    const auto r = fn(in);
+    if constexpr (std::is_arithmetic_v<decltype(r)>) {
+      got += std::to_string(r) + ",";
+    } else {
+      got += std::string(r) + ",";
+    }
+  }
+  return got;
+}
 
 // The value of the header line "name: value" in an HTTP or SSDP head, or "<none>".
-std::string HeaderValue(const std::string& head, const std::string& name);
+inline std::string HeaderValue(const std::string& head, const std::string& name) {
+  const size_t at = head.find("\r\n" + name + ": ");
+  if (at == std::string::npos) return "<none>";
+  const size_t from = at + name.size() + 4;
+  return head.substr(from, head.find("\r\n", from) - from);
+}
+
+// Accounted HTTP requests.
+struct FreeRequest {
+  void operator()(HttpRequest* r) const { upnp_free_impl(r); }
+};
+using RequestPtr = std::unique_ptr<HttpRequest, FreeRequest>;
+
+// A zeroed, accounted HTTP/1.1 GET of url; its head holds `lines` and the blank line.
+inline RequestPtr GetRequest(const std::string& url, const std::string& lines = "") {
+  RequestPtr r(static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest))));
+  std::snprintf(r->url, sizeof(r->url), "%s", url.c_str());
+  std::snprintf(r->header, sizeof(r->header), "GET %s HTTP/1.1\r\n%s\r\n", url.c_str(),
+                lines.c_str());
+  r->http_version = 11;
+  r->method = HTTP_METHOD_GET;
+  return r;
+}
 
 }  // namespace tw::test

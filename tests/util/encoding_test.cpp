@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cctype>
+
 #include "support/test_support.h"
+#include "util/scramble.h"
 
 namespace {
 
-using tw::test::Owned;
+using namespace tw::test;
+
 using Cases = std::vector<std::pair<std::string, std::string>>;
 
-class UtilEncoding : public tw::test::LeakCheck {};
+class UtilEncoding : public LeakCheck {};
 
-std::string Conv(char* (*fn)(const char*), const std::string& in) {
-  return Owned(fn(in.c_str())).str();
-}
+std::string Conv(char* (*fn)(const char*), const std::string& in) { return Str(fn(in.c_str())); }
 
 void ExpectConv(char* (*fn)(const char*), const Cases& cases) {
   for (const auto& [in, out] : cases) EXPECT_EQ(Conv(fn, in), out) << in;
@@ -25,7 +27,7 @@ std::vector<uint8_t> Utf16Bytes(const uint8_t* p) {
 }
 
 std::string FromUtf16(std::vector<uint8_t> bytes) {
-  return Owned(upnp_string_utf16_to_utf8(bytes.data())).str();
+  return Str(upnp_string_utf16_to_utf8(bytes.data()));
 }
 
 TEST_F(UtilEncoding, FromUtf8KeepsLatin1AndDropsTheRest) {
@@ -159,8 +161,8 @@ TEST_F(UtilEncoding, HexadecimalNumbers) {
 
 TEST_F(UtilEncoding, Base64PaddingRulesAndTolerantDecoding) {
   ExpectConv(upnp_string_to_base64, {{"ab", "YWI"}, {"a", "YQ=="}, {"abc", "YWJj"}});  // no "YWI="
-  EXPECT_EQ(Owned(upnp_bin_to_base64("ab", 2)).str(), "YWI=");
-  EXPECT_EQ(Owned(upnp_bin_to_base64("a\0\xFF\xFE", 4)).str(), "YQD//g==");
+  EXPECT_EQ(Str(upnp_bin_to_base64("ab", 2)), "YWI=");
+  EXPECT_EQ(Str(upnp_bin_to_base64("a\0\xFF\xFE", 4)), "YQD//g==");
   EXPECT_EQ(upnp_bin_to_base64(nullptr, 3), nullptr);
   ExpectConv(upnp_string_from_base64, {{"YW\r\nI=", "ab"},
                                        {"Y W J j", "abc"},
@@ -183,7 +185,7 @@ TEST_F(UtilEncoding, UrlEncodingUsesItsOwnSafeSet) {
                                                              {"\xC3", 1, "%C3"},
                                                              {std::string(700, ' '), 1, escaped}};
   for (const auto& [in, utf8, out] : cases) {
-    EXPECT_EQ(Owned(upnp_string_to_encoded_url(in.c_str(), utf8)).str(), out) << in;
+    EXPECT_EQ(Str(upnp_string_to_encoded_url(in.c_str(), utf8)), out) << in;
   }
   EXPECT_EQ(upnp_string_to_encoded_url(nullptr, 1), nullptr);
   ExpectConv(upnp_string_from_encoded_url, {{"a+b%41%", "a bA"},
@@ -196,15 +198,15 @@ TEST_F(UtilEncoding, UrlEncodingUsesItsOwnSafeSet) {
   for (int i = 0; i < 2000; ++i) {
     std::string in(rng() % 17, ' ');
     for (char& c : in) c = static_cast<char>(1 + rng() % 127);
-    const std::string enc = Owned(upnp_string_to_encoded_url(in.c_str(), 1)).str();
+    const std::string enc = Str(upnp_string_to_encoded_url(in.c_str(), 1));
     ASSERT_EQ(Conv(upnp_string_from_encoded_url, enc), in);
   }
 }
 
 TEST_F(UtilEncoding, RemoveIllegalChars) {
-  EXPECT_EQ(Owned(upnp_remove_illegal_chars("a<b>c\"d", "<>\"")).str(), "abcd");
-  EXPECT_EQ(Owned(upnp_remove_illegal_chars("abc", nullptr)).str(), "abc");
-  EXPECT_EQ(Owned(upnp_remove_illegal_chars("abc", "")).str(), "abc");
+  EXPECT_EQ(Str(upnp_remove_illegal_chars("a<b>c\"d", "<>\"")), "abcd");
+  EXPECT_EQ(Str(upnp_remove_illegal_chars("abc", nullptr)), "abc");
+  EXPECT_EQ(Str(upnp_remove_illegal_chars("abc", "")), "abc");
   EXPECT_EQ(upnp_remove_illegal_chars(nullptr, "a"), nullptr);
 }
 
@@ -224,11 +226,72 @@ TEST_F(UtilEncoding, FailedAllocationsGiveNull) {
       [&] { return upnp_remove_illegal_chars(in, "y"); },
   };
   for (const auto& op : conversions) {
-    tw::test::ForEachAllocFailure(op, [](void* r, bool failed) {
+    ForEachAllocFailure(op, [](void* r, bool failed) {
       EXPECT_EQ(r == nullptr, failed);
       if (r != nullptr) upnp_free_impl(r);
     });
   }
+}
+
+std::string Decrypt(const std::string& scrambled, size_t out_size = 300) {
+  std::vector<char> out(out_size, 'x');
+  upnp_string_decrypt(scrambled.c_str(), out.data(), out.size());
+  return std::string(out.data(), strnlen(out.data(), out.size()));
+}
+
+std::string Scramble(const std::string& plain, uint32_t key) {
+  std::vector<char> out(300, '\0');
+  tw::util::ScrambleWithKey(plain.c_str(), key, out.data(), out.size());
+  return out.data();
+}
+
+class UtilScramble : public LeakCheck {};
+
+TEST_F(UtilScramble, KnownFormsAndEveryKeyAndLengthRoundTrips) {
+  // 'A' + 1 = 0x42, written "42", rotated left by 1 mod 2; bytes wrap modulo 256 both ways.
+  EXPECT_EQ(Scramble("A", 1), "::124");
+  EXPECT_EQ(Scramble("A", 0), "::041");
+  EXPECT_EQ(Scramble("\xff", 2), "::201");
+  EXPECT_EQ(Decrypt("::201"), "\xff");
+  std::string plain;
+  for (int i = 0; i < 128; ++i) plain.push_back(static_cast<char>(1 + (i * 37) % 255));
+  for (uint32_t key = 0; key < 16; ++key) {
+    for (size_t length : {1, 2, 7, 128}) {
+      const std::string text = plain.substr(0, length);
+      const std::string scrambled = Scramble(text, key);
+      ASSERT_EQ(scrambled.size(), 3 + 2 * length);
+      EXPECT_EQ(scrambled.substr(0, 2), "::");
+      for (char c : scrambled.substr(2)) EXPECT_TRUE(std::isxdigit(c) && !std::islower(c)) << c;
+      EXPECT_EQ(Decrypt(scrambled), text) << "key " << key << " length " << length;
+    }
+  }
+}
+
+TEST_F(UtilScramble, PublicEntriesRoundTripAreIdempotentAndCarry128Bytes) {
+  char scrambled[300], again[300];
+  upnp_string_encrypt("secret password", scrambled, sizeof(scrambled));
+  EXPECT_EQ(std::strlen(scrambled), 3u + 30u);
+  EXPECT_EQ(Decrypt(scrambled), "secret password");
+  upnp_string_encrypt(scrambled, again, sizeof(again));
+  EXPECT_STREQ(again, scrambled);
+  const std::string long_text(200, 'q');
+  upnp_string_encrypt(long_text.c_str(), scrambled, sizeof(scrambled));
+  EXPECT_EQ(Decrypt(scrambled), long_text.substr(0, 128));
+}
+
+TEST_F(UtilScramble, SmallBuffersAndBadInputStayInBounds) {
+  std::vector<char> tiny(6, 'x');  // heap, exact size: ASan sees any overrun
+  upnp_string_encrypt("abcdef", tiny.data(), tiny.size());
+  EXPECT_EQ(std::string(tiny.data()), std::string("::") + std::string(tiny.data() + 2, 3));
+  EXPECT_EQ(Decrypt("plain text"), "");      // no "::": stays cleared
+  EXPECT_EQ(Decrypt("::5A"), "");            // a single digit makes no byte
+  EXPECT_EQ(Decrypt("::Z1234").size(), 2u);  // a bad key digit reads as -1, still in bounds
+  EXPECT_EQ(Decrypt("::124", 1), "");        // cut to the buffer: garbage, but terminated
+  std::vector<char> untouched(4, 'x');
+  upnp_string_decrypt("::", untouched.data(), untouched.size());  // two bytes: nothing happens
+  upnp_string_encrypt(nullptr, untouched.data(), untouched.size());
+  upnp_string_decrypt("::041", untouched.data(), 0);
+  EXPECT_EQ(std::string(untouched.data(), 4), "xxxx");
 }
 
 }  // namespace

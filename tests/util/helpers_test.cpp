@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // Numbers, durations, dates, DLNA fields, file names, embedded URLs, IP addresses, lists,
 // grouped allocations, command lines and hex dumps.
-#include <climits>
 
 #include "support/test_support.h"
 
 namespace {
 
-using Args = std::vector<std::string>;
-using tw::test::ForEachAllocFailure;
-using tw::test::Owned;
+using namespace tw::test;
 
-class UtilHelpers : public tw::test::LeakCheck {};
+using Args = std::vector<std::string>;
+
+class UtilHelpers : public LeakCheck {};
 
 TEST_F(UtilHelpers, NumbersStopAtNonDigitsAndWrapInsteadOfOverflowing) {
   int32_t digits = -1;
@@ -56,9 +55,9 @@ TEST_F(UtilHelpers, DurationTextsConvertBothWays) {
   upnp_format_time(UINT64_MAX, clock);
   EXPECT_LT(std::strlen(clock), sizeof(clock));
 
-  EXPECT_EQ(Owned(upnp_duration_to_string(3723000)).str(), "1:02:03");
-  EXPECT_EQ(Owned(upnp_duration_to_string(3723005)).str(), "1:02:03.005");
-  EXPECT_EQ(Owned(upnp_duration_to_string(UINT64_MAX)).str(), "5124095576030:25:51.615");
+  EXPECT_EQ(Str(upnp_duration_to_string(3723000)), "1:02:03");
+  EXPECT_EQ(Str(upnp_duration_to_string(3723005)), "1:02:03.005");
+  EXPECT_EQ(Str(upnp_duration_to_string(UINT64_MAX)), "5124095576030:25:51.615");
 }
 
 TEST_F(UtilHelpers, ResDurationIsClampedIntoItsFixedForm) {
@@ -156,7 +155,7 @@ TEST_F(UtilHelpers, JpegProfilesAndProportionalScaling) {
                                                                   {4096, 4096, "JPEG_LRG"},
                                                                   {4097, 10, "<null>"}};
   for (const auto& [w, h, name] : profiles) {
-    EXPECT_EQ(Owned(jpeg_map_dlna_profile(w, h)).str(), name) << w << "x" << h;
+    EXPECT_EQ(Str(jpeg_map_dlna_profile(w, h)), name) << w << "x" << h;
   }
   // A zero input leaves the box; no undefined behaviour at the limits.
   const uint32_t cases[][6] = {{1920, 1080, 160, 160, 160, 90},
@@ -196,12 +195,12 @@ TEST_F(UtilHelpers, ExtensionsTitlesAndSafeNames) {
                             {"a\\b/c.d", "c", "d"},
                             {"x/y\\plain", "plain", "bin"}};
   for (const auto& n : names) {
-    EXPECT_EQ(Owned(upnp_build_title_from_filename(n[0])).str(), n[1]) << n[0];
-    EXPECT_EQ(Owned(upnp_get_extension(n[0])).str(), n[2]) << n[0];
+    EXPECT_EQ(Str(upnp_build_title_from_filename(n[0])), n[1]) << n[0];
+    EXPECT_EQ(Str(upnp_get_extension(n[0])), n[2]) << n[0];
   }
-  EXPECT_EQ(Owned(upnp_get_extension(nullptr)).str(), "bin");
+  EXPECT_EQ(Str(upnp_get_extension(nullptr)), "bin");
 
-  EXPECT_EQ(Owned(upnp_remove_bad_chars("a b/c\\d?e:f*g<h")).str(), "a#b#c#d#e#f#g<h");
+  EXPECT_EQ(Str(upnp_remove_bad_chars("a b/c\\d?e:f*g<h")), "a#b#c#d#e#f#g<h");
   std::string name = "a/b\\c*d?e<f>g:h|i\"j k";
   upnp_util_convert_string_to_filename(name.data(), 9);  // only the first 9 bytes
   EXPECT_EQ(name, "a#b#c#d#e<f>g:h|i\"j k");
@@ -210,22 +209,23 @@ TEST_F(UtilHelpers, ExtensionsTitlesAndSafeNames) {
 }
 
 TEST_F(UtilHelpers, EmbeddedUrlsRoundTripThroughTheProxyPath) {
-  Owned url(upnp_util_create_embedded_url("http://h:9000", "a b/c.mp3", "mp3"));
-  EXPECT_EQ(url.str(), "http://h:9000/httpproxy/embeddeda%20b%2Fc.mp3.mp3");
-  Owned target(upnp_util_get_embedded_url(url.get()));
-  EXPECT_EQ(Owned(upnp_string_from_encoded_url(target.get())).str(), "a b/c.mp3");
+  const std::string url = Str(upnp_util_create_embedded_url("http://h:9000", "a b/c.mp3", "mp3"));
+  EXPECT_EQ(url, "http://h:9000/httpproxy/embeddeda%20b%2Fc.mp3.mp3");
+  char* target = upnp_util_get_embedded_url(url.c_str());
+  EXPECT_EQ(Str(upnp_string_from_encoded_url(target)), "a b/c.mp3");
+  upnp_free_impl(target);
 
-  EXPECT_EQ(Owned(upnp_util_create_embedded_url("http://h/", "x", "mpeg4")).str(),
+  EXPECT_EQ(Str(upnp_util_create_embedded_url("http://h/", "x", "mpeg4")),
             "http://h/httpproxy/embeddedx");  // 5-byte extension: left out
-  EXPECT_EQ(Owned(upnp_util_create_embedded_url(nullptr, "x", "")).str(), "httpproxy/embeddedx");
+  EXPECT_EQ(Str(upnp_util_create_embedded_url(nullptr, "x", "")), "httpproxy/embeddedx");
   EXPECT_EQ(upnp_util_create_embedded_url("b", nullptr, "x"), nullptr);
-  EXPECT_EQ(Owned(upnp_util_get_embedded_url("/httpproxy/embeddedname.jpeg")).str(), "name.jpeg");
+  EXPECT_EQ(Str(upnp_util_get_embedded_url("/httpproxy/embeddedname.jpeg")), "name.jpeg");
   EXPECT_EQ(upnp_util_get_embedded_url("/other/name.mp3"), nullptr);
 
   // Out of memory at any step: null, never a truncated URL.
   ForEachAllocFailure([] { return upnp_util_create_embedded_url("http://h:9000", "a b", "mp3"); },
                       [](char* r, bool fired) {
-                        EXPECT_EQ(Owned(r).str(),
+                        EXPECT_EQ(Str(r),
                                   fired ? "<null>" : "http://h:9000/httpproxy/embeddeda%20b.mp3");
                       });
 }
@@ -236,8 +236,8 @@ TEST_F(UtilHelpers, IpAddressesAreFoundInsideText) {
   EXPECT_EQ(upnp_extract_ipaddress(text, &offset, &length), text + 7);
   EXPECT_EQ(offset, 7u);
   EXPECT_EQ(length, 12u);
-  EXPECT_EQ(Owned(upnp_copy_ipaddress("ip=10.0.0.1..;")).str(), "10.0.0.1");
-  EXPECT_EQ(Owned(upnp_copy_ipaddress("..7")).str(), "7");
+  EXPECT_EQ(Str(upnp_copy_ipaddress("ip=10.0.0.1..;")), "10.0.0.1");
+  EXPECT_EQ(Str(upnp_copy_ipaddress("..7")), "7");
   EXPECT_EQ(upnp_extract_ipaddress("no digits.", &offset, &length), nullptr);
   EXPECT_EQ(offset + length, 0u);
 }

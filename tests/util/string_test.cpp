@@ -5,10 +5,9 @@
 
 namespace {
 
-using tw::test::ForEachAllocFailure;
-using tw::test::Owned;
+using namespace tw::test;
 
-class UtilString : public tw::test::LeakCheck {};
+class UtilString : public LeakCheck {};
 
 std::string Text(const upnp_string* s) {
   return s != nullptr && s->buffer != nullptr ? std::string(s->buffer, s->length) : "<null>";
@@ -66,7 +65,7 @@ TEST_F(UtilString, AddKeepsEmbeddedZerosAndConcatStringCopiesThem) {
   EXPECT_EQ(Take(upnp_string_concat_string(nullptr, s), false), std::string("a\0b", 3));
   upnp_string* empty = upnp_string_concat(nullptr, "");
   EXPECT_EQ(upnp_string_concat_string(s, empty), s);
-  EXPECT_EQ(Owned(upnp_string_copy_cstring(s)).str(), "a");  // a C copy ends at the zero
+  EXPECT_EQ(Str(upnp_string_copy_cstring(s)), "a");  // a C copy ends at the zero
   upnp_string_free(empty);
   EXPECT_EQ(Take(s, false), std::string("a\0b", 3));
 }
@@ -86,7 +85,7 @@ TEST_F(UtilString, VsprintfRetriesWithALargerScratchAndCopiedArguments) {
   upnp_string* kept = upnp_string_sprintf(nullptr, "%s=%u", "port", 9000u);
   EXPECT_EQ(unchecked_sprintf(kept, nullptr), kept);
   kept = upnp_string_sprintf(kept, ";%x", 255);
-  const std::string log = tw::test::Logged(UPNP_LOG_SYSTEM, [&] {
+  const std::string log = Logged(UPNP_LOG_SYSTEM, [&] {
     tw::platform::FailAllocAfter(0);
     EXPECT_EQ(upnp_string_sprintf(kept, "value %s", "lost"), kept);
   });
@@ -125,11 +124,11 @@ TEST_F(UtilString, ReplaceWorksLeftToRightWithoutOverlap) {
       {upnp_string_append("ab", nullptr), "ab"},
       {upnp_string_append(nullptr, nullptr), "<null>"},
   };
-  for (const auto& [got, want] : cases) EXPECT_EQ(Owned(got).str(), want);
+  for (const auto& [got, want] : cases) EXPECT_EQ(Str(got), want);
 
-  Owned copy(upnp_string_replace(text, "x", "y"));
-  EXPECT_STREQ(copy.get(), "abc");
-  EXPECT_NE(copy.get(), text);
+  char* copy = upnp_string_replace(text, "x", "y");
+  EXPECT_NE(copy, text);
+  EXPECT_EQ(Str(copy), "abc");
   EXPECT_EQ(upnp_string_replace_or_copy(text, "x", "y", 0), text);
   EXPECT_EQ(upnp_string_replace_or_copy(nullptr, "x", "y", 1), nullptr);
   EXPECT_EQ(Take(upnp_string_replace2(upnp_string_concat(nullptr, "one two two"), "two", "2")),
