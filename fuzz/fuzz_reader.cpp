@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Buffered binary and bit reader: the input is the file; its own bytes also pick the buffer size
-// and a bounded sequence of reads, bit reads and seeks. Checks that results stay in range and that
-// closing returns every accounted byte.
+// and a bounded sequence of reads, bit reads and seeks. Checks that reads deliver the file's bytes
+// at the logical position, that results stay in range and that closing returns every accounted
+// byte.
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "tarnwick/media.h"
@@ -54,15 +56,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(before >= 0);
     switch (op % 14) {
       case 0: {
+        // Exactly the file's bytes from the logical position, short only at the end.
         const int32_t n = upnp_file_read_b(r, scratch, arg);
-        Check(n >= 0 && n <= arg);
+        const int64_t left = before < file_size ? file_size - before : 0;
+        Check(n == (left < arg ? left : arg));
+        Check(n == 0 || std::memcmp(scratch, data + before, static_cast<size_t>(n)) == 0);
         Check(upnp_file_tell_b(r) == before + n);
         break;
       }
       case 1: {
         const int32_t b = upnp_file_read_byte(r);
-        Check(b >= -1 && b <= 255);
-        Check(b >= 0 ? before < file_size : before >= file_size);
+        Check(before < file_size ? b == data[before] : b == -1);
         break;
       }
       case 2:

@@ -42,46 +42,7 @@ TEST_F(MediaReader, IntegersInBothByteOrdersAcrossBufferEdges) {
   }
 }
 
-// Random reads, byte reads, tells and seeks against the plain bytes, for several buffer sizes.
-TEST_F(MediaReader, RandomOperationsMatchTheFileContents) {
-  std::mt19937 rng(12345);
-  std::string data(3000, '\0');
-  for (char& c : data) c = static_cast<char>(rng());
-  const int64_t size = static_cast<int64_t>(data.size());
-  for (uint32_t buffer_size : {1u, 16u, 100u, 4096u}) {
-    upnp_file_b* r = Open(data, buffer_size);
-    ASSERT_NE(r, nullptr);
-    int64_t pos = 0;
-    for (int step = 0; step < 2000; ++step) {
-      SCOPED_TRACE("buffer " + std::to_string(buffer_size) + " step " + std::to_string(step));
-      const uint32_t op = rng() % 6, want = rng() % 300;
-      if (op == 0) {
-        std::vector<char> buf(want + 1);
-        const int32_t n = upnp_file_read_b(r, buf.data(), want);
-        ASSERT_EQ(n, std::clamp<int64_t>(size - pos, 0, want));
-        ASSERT_EQ(std::memcmp(buf.data(), data.data() + pos, static_cast<size_t>(n)), 0);
-        pos += n;
-      } else if (op == 1) {
-        ASSERT_EQ(upnp_file_read_byte(r), pos < size ? static_cast<uint8_t>(data[pos]) : -1);
-        if (pos < size) ++pos;
-      } else if (op == 2) {  // near moves mostly stay inside the buffer
-        const int64_t target = std::max<int64_t>(0, pos + static_cast<int64_t>(want % 41) - 20);
-        ASSERT_EQ(upnp_file_seek_b(r, target - pos, UPNP_FILE_SEEK_CUR), target);
-        pos = target;
-      } else if (op == 3) {
-        pos = rng() % (data.size() + 1);
-        ASSERT_EQ(upnp_file_seek_b(r, pos, UPNP_FILE_SEEK_SET), pos);
-      } else if (op == 4) {
-        pos = rng() % (data.size() + 1);
-        ASSERT_EQ(upnp_file_seek_b(r, pos - size, UPNP_FILE_SEEK_END), pos);
-      } else {
-        ASSERT_EQ(upnp_file_tell_b(r), pos);
-        ASSERT_EQ(upnp_file_eof_b(r), pos >= size ? 1 : 0);
-      }
-    }
-    upnp_file_close_b(r);
-  }
-}
+// Random reads, byte reads, tells and seeks against the file's bytes: fuzz/fuzz_reader.cpp.
 
 TEST_F(MediaReader, SeekRefusesTargetsBeforeTheStartAndAnswersZeroForUnknownWhence) {
   upnp_file_b* r = Open("abcdefghijklmnop", 8);

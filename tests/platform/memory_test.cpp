@@ -80,20 +80,6 @@ TEST(Memory, FreeOfNullAndFreeWithoutLockReportOnStderr) {
   upnp_mem_init();
 }
 
-// Every out-of-memory test relies on the planned failure hitting exactly the n-th allocation.
-TEST(Memory, InjectedFailureHitsExactlyTheNthAllocation) {
-  tw::platform::FailAllocAfter(2);
-  void* blocks[] = {upnp_malloc_impl(1), upnp_strdup_impl("x"), upnp_calloc_impl(1, 1),
-                    upnp_malloc_impl(1)};
-  EXPECT_TRUE(tw::platform::AllocFailureFired());
-  tw::platform::ClearAllocFailure();
-  EXPECT_EQ(blocks[2], nullptr);
-  for (void* block : {blocks[0], blocks[1], blocks[3]}) {
-    EXPECT_NE(block, nullptr);
-    upnp_free_impl(block);
-  }
-}
-
 TEST(Memory, ContainersThroughTheAdapterAreCountedAndThrowOnShortage) {
   const int32_t base = Used();
   {
