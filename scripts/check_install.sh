@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs a build into a temporary prefix and uses it the way a downstream project would:
 # checks the installed layout, that no installed ELF file has a RUNPATH/RPATH into the source or
-# build tree, and then builds tests/install/consumer.c against the prefix twice, through
+# build tree, and then builds tests/api/c_compile.c against the prefix twice, through
 # find_package(TarnwickUpnp) and through pkg-config, and runs both programs.
 #
 #   sh scripts/check_install.sh BUILD_DIR SOURCE_DIR    exit 0 pass, 1 fail, 77 skipped
@@ -160,7 +160,7 @@ flags="$(pkg-config --cflags tarnwick-upnp) $(pkg-config --libs tarnwick-upnp)"
 echo "pkg-config --cflags --libs tarnwick-upnp: $flags"
 # shellcheck disable=SC2086 # the flags are words
 "$cc" -std=c99 -pedantic -Wall -Wextra -Werror -o "$work/consumer-pc" \
-  "$src/tests/install/consumer.c" $flags > "$work/pc.log" 2>&1 || {
+  "$src/tests/api/c_compile.c" $flags > "$work/pc.log" 2>&1 || {
   cat "$work/pc.log" >&2
   fail "the consumer does not build with pkg-config's flags"
 }

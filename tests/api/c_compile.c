@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Built as C99 against the shared library and the umbrella header only: proves that the public
- * headers are valid C and that the C ABI links and runs from a C host. */
+/* A C99 host that knows the SDK only through the umbrella header and the shared library. Built
+ * against the build tree (ApiC.CompilesAndRuns) and, by scripts/check_install.sh, against an
+ * installed prefix through find_package(TarnwickUpnp) and through pkg-config: proves that the
+ * public headers are valid C and that the C ABI links, loads and runs. */
 #include <stdio.h>
 #include <string.h>
 
@@ -16,9 +18,11 @@ static int failures = 0;
     }                                                            \
   } while (0)
 
-int main(void) {
+int main(int argc, char** argv) {
+  const char* how = argc > 1 ? argv[1] : "c99 api";
   uint32_t before;
   char* copy;
+  upnp_string* s;
   CRITICAL_SECTION cs;
 
   upnp_mem_init();
@@ -29,6 +33,13 @@ int main(void) {
   upnp_free_impl(copy);
   CHECK(upnp_mem_used() == before);
 
+  s = upnp_string_create("tarnwick", 32); /* the dynamic string through its public record */
+  CHECK(s != NULL && s->length == 8 && s->capacity == 32);
+  s = upnp_string_concat(s, "-upnp");
+  CHECK(s != NULL && strcmp(upnp_string_get_cstring(s), "tarnwick-upnp") == 0);
+  upnp_string_free(s);
+  CHECK(upnp_mem_used() == before);
+
   InitializeCriticalSection(&cs);
   EnterCriticalSection(&cs);
   LeaveCriticalSection(&cs);
@@ -37,6 +48,6 @@ int main(void) {
   CHECK(upnp_log_init(NULL) == 1);
   upnp_log_exit();
 
-  if (failures == 0) printf("c99 api: ok\n");
+  if (failures == 0) printf("%s: ok\n", how);
   return failures == 0 ? 0 : 1;
 }
