@@ -59,7 +59,6 @@ class HttpWire : public LeakCheck {
     LeakCheck::SetUp();
     TW_REQUIRE_LOOPBACK_NAMESPACE();
     __atomic_store_n(&g_server_running, 1, __ATOMIC_RELEASE);
-    std::memset(&record_, 0, sizeof(record_));
     std::strcpy(record_.ip_address, "127.0.0.1");
     record_.http_socket = -1;
   }
@@ -101,7 +100,7 @@ class HttpWire : public LeakCheck {
     EXPECT_TRUE(peer.Connect(record_.http_port));
     return Fields(Ask(request, &peer));
   }
-  upnp_server_data record_;
+  upnp_server_data record_{};
   HttpPeer peer_;
 };
 

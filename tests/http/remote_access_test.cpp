@@ -114,13 +114,9 @@ int32_t Check(const std::string& url, const std::string& head, bool remote) {
 
 class HttpAuthorization : public LeakCheck {
  protected:
-  void SetUp() override {
-    LeakCheck::SetUp();
+  void TearDown() override {  // the state every test starts from
     tw::http::ResetCredentials();
     g_tokens_seen.clear();
-  }
-  void TearDown() override {
-    tw::http::ResetCredentials();
     upnp_http_register_cookie_handler(nullptr);
     tw::http::ForgetRemoteBaseUrl();
     LeakCheck::TearDown();

@@ -41,11 +41,8 @@ testing::Environment* const g_environment =
 
 class HttpResponseHeader : public LeakCheck {
  protected:
-  void SetUp() override {
-    LeakCheck::SetUp();
-    g_quirks = Quirks();
-  }
   void TearDown() override {
+    g_quirks = Quirks();
     request_.reset();
     LeakCheck::TearDown();
   }

@@ -73,8 +73,6 @@ class ServerLifecycle : public DiscoveryTest {
   void SetUp() override {
     DiscoveryTest::SetUp();
     upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_IP, "127.0.0.1");
-    ResetServer();
-    g_exit_calls = 0;
     register_upnp_exit_function(&CountExit);
     TW_REQUIRE_LOOPBACK_NAMESPACE();  // after the setup above, which the teardown expects
   }
@@ -84,6 +82,7 @@ class ServerLifecycle : public DiscoveryTest {
     http_unregister_all_handlers();
     ResetServer();
     register_upnp_exit_function(nullptr);
+    g_exit_calls = 0;
     DiscoveryTest::TearDown();
   }
   static void ResetServer() {
