@@ -66,7 +66,7 @@ TEST_F(SsdpMessages, TargetsSelectEntriesAnnouncementsCarryAllByebyeListsDiffer)
       kRuicUdn, root, dev + "RemoteUIClient:1", svc + "RemoteUIClient:1",
       kMtpUdn, root, "urn:microsoft-com:device:mtp:1", "urn:microsoft-com:service:MtpNullService:1"};
   EXPECT_THAT(Fields(Send("ssdp:all", 0), "ST"), ElementsAreArray(types));
-  const std::vector<Datagram> got = Send(root.c_str(), 1);  // announcements carry the whole set whatever the target
+  const std::vector<Datagram> got = Send(root.c_str(), 1);  // announced: all, whatever the target
   ASSERT_THAT(Fields(got, "NT"), ElementsAreArray(types));
   for (const auto& [i, device] : {std::pair(0, "TMSDevice"), {6, "TMRDevice"},
        {12, "RemoteUIServer"}, {16, "RemoteUIClient"}, {20, "MediaTransferProtocol"}}) {
