@@ -59,7 +59,6 @@ class HttpWire : public LeakCheck {
     LeakCheck::SetUp();
     TW_REQUIRE_LOOPBACK_NAMESPACE();
     __atomic_store_n(&g_server_running, 1, __ATOMIC_RELEASE);
-    std::memset(&record_, 0, sizeof(record_));
     std::strcpy(record_.ip_address, "127.0.0.1");
     record_.http_socket = -1;
   }
@@ -101,30 +100,26 @@ class HttpWire : public LeakCheck {
     EXPECT_TRUE(peer.Connect(record_.http_port));
     return Fields(Ask(request, &peer));
   }
-  upnp_server_data record_;
+  upnp_server_data record_{};
   HttpPeer peer_;
 };
 
 TEST_F(HttpWire, DispatchPicksLongestPrefixThenMethod) {
   upnp_http_register_handler(Echo<'A', 0>, HTTP_METHOD_GET, "/a", 0, 1);
   upnp_http_register_handler(Echo<'B', 0>, HTTP_METHOD_GET, "/ab", 0, 1);
-  upnp_http_register_handler(Echo<'C', 0>, HTTP_METHOD_GET, "/xy", 0, 1);
-  upnp_http_register_handler(Echo<'D', 0>, HTTP_METHOD_GET, "/x", 0, 1);
   upnp_http_register_handler(Echo<'E', 0>, HTTP_METHOD_POST, "/m", 0, 1);
   upnp_http_register_handler(Echo<'F', 0>, HTTP_METHOD_GET | HTTP_METHOD_HEAD, "/m", 0, 1);
   StartServer();
   const std::tuple<const char*, const char*, const char*> cases[] = {
-      {"GET /abc HTTP/1.1\r\n\r\n", "B", "1"},   {"GET /ax HTTP/1.1\r\n\r\n", "A", "1"},
-      {"GET /xyz HTTP/1.1\r\n\r\n", "C", "1"},   {"GET /xz HTTP/1.1\r\n\r\n", "D", "1"},
-      {"GET /m HTTP/1.1\r\n\r\n", "F", "1"},     {"POST /m HTTP/1.1\r\n\r\n", "E", "4"},
-      {"OPTIONS /m HTTP/1.1\r\n\r\n", "F", "2"}, {"BREW /m HTTP/1.1\r\n\r\n", "F", "0"},
+      {"GET /abc HTTP/1.1\r\n\r\n", "B", "1"}, {"GET /m HTTP/1.1\r\n\r\n", "F", "1"},
+      {"POST /m HTTP/1.1\r\n\r\n", "E", "4"},  {"OPTIONS /m HTTP/1.1\r\n\r\n", "F", "2"},
+      {"BREW /m HTTP/1.1\r\n\r\n", "F", "0"},
   };
   for (const auto& [request, tag, method] : cases) {  // all on one kept-alive connection
     auto fields = Echoed(request);
     EXPECT_EQ(fields["tag"] + fields["m"], std::string(tag) + method) << request;
   }
   EXPECT_EQ(Ask("SUBSCRIBE /m HTTP/1.1\r\n\r\n").status, 404);
-  EXPECT_EQ(Ask("GET /zzz HTTP/1.1\r\n\r\n").status, 404);
 }
 
 TEST_F(HttpWire, TargetsAreRewrittenAndDecoded) {
@@ -200,8 +195,8 @@ TEST_F(HttpWire, HandlersThatTakeBodiesGetThemWhole) {
   StartServer();
   auto fields =
       Echoed("POST /body HTTP/1.1\r\nContent-Length: 5\r\n\r\nhelloGET /nobody HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(fields["body"] + fields["len"], "hello5");
-  EXPECT_EQ(fields["q"], "GET /nobody HTTP/1.1RNRN");  // the pipelined request is untouched
+  // The pipelined request is left untouched.
+  EXPECT_EQ(fields["body"] + fields["len"] + fields["q"], "hello5GET /nobody HTTP/1.1RNRN");
   EXPECT_EQ(Fields(peer_.ReadResponse())["tag"], "N");
   const char* chunked = "Transfer-Encoding: chunked\r\n\r\n4\r\nabcd\r\n3\r\nefg\r\n0\r\n\r\n";
   for (const char* method : {"POST", "NOTIFY", "SUBSCRIBE", "UNSUBSCRIBE"}) {
@@ -225,8 +220,7 @@ TEST_F(HttpWire, HeadsAreReadExactlyWhateverTheirShape) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   auto fields = Fields(peer_.ReadResponse());
-  EXPECT_EQ(fields["url"], "/slow");
-  EXPECT_EQ(fields["hl"], std::to_string(head.size()));
+  EXPECT_EQ(fields["url"] + " " + fields["hl"], "/slow " + std::to_string(head.size()));
   // A bare LF LF does not end a head: the answer waits for CR LF CR LF.
   ASSERT_TRUE(peer_.Send("GET /lf HTTP/1.1\nHost: b\n\n"));
   EXPECT_TRUE(peer_.StaysSilent(150));
@@ -236,29 +230,23 @@ TEST_F(HttpWire, HeadsAreReadExactlyWhateverTheirShape) {
   fields = Echoed(
       "GET /g HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"
       "GET /h HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(fields["url"], "/g");
-  EXPECT_EQ(fields["q"], "RNRNGET /h HTTP/1.1RNRN");
+  EXPECT_EQ(fields["url"] + fields["q"], "/gRNRNGET /h HTTP/1.1RNRN");
   EXPECT_EQ(Fields(peer_.ReadResponse())["url"], "/h");
 }
 
 TEST_F(HttpWire, OversizedHeadsAreCutServedAndSkipped) {
   upnp_http_register_handler(Echo<'O', 0>, kAllMethods, nullptr, 0, 1);
   StartServer();
-  std::string big = "GET /big HTTP/1.1\r\n";
-  while (big.size() < 20000) big += "X-Pad: " + std::string(90, 'p') + "\r\n";
-  auto fields = Echoed(big + "\r\nGET /after HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(fields["url"], "/big");
-  EXPECT_EQ(fields["hl"] + fields["tail"], "8191RNRN");
-  EXPECT_EQ(fields["q"], "GET /after HTTP/1.1RNRN");
-  EXPECT_EQ(Fields(peer_.ReadResponse())["url"], "/after");
-  // Exactly 8191 bytes fit; one more is cut, and the cut lands inside the blank line.
-  for (size_t total : {size_t{8191}, size_t{8192}}) {
+  // Exactly 8191 bytes fit; one more is cut inside the blank line; far more is cut and the rest
+  // skipped over several reads. Each time the cut head is served and the next request follows.
+  for (size_t total : {size_t{8191}, size_t{8192}, size_t{20000}}) {
     std::string edge = "GET /edge HTTP/1.1\r\nX: ";
     edge += std::string(total - edge.size() - 4, 'e') + "\r\n\r\n";
-    fields = Echoed(edge + "GET /next HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(fields["hl"], "8191") << total;
-    EXPECT_EQ(fields["q"], "GET /next HTTP/1.1RNRN") << total;
-    EXPECT_EQ(Fields(peer_.ReadResponse())["url"], "/next") << total;
+    auto fields = Echoed(edge + "GET /next HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(fields["url"] + fields["hl"] + fields["tail"] + fields["q"] + "|" +
+                  Fields(peer_.ReadResponse())["url"],
+              "/edge8191RNRNGET /next HTTP/1.1RNRN|/next")
+        << total;
   }
 }
 
@@ -345,18 +333,15 @@ TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
   for (int fd : fds) close(fd);
 }
 
-class HttpHead : public LeakCheck {};
-
-TEST_F(HttpHead, HeadIsTakenWithoutTheBody) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
+TEST_F(HttpWire, HeadIsTakenWithoutTheBody) {
   PeerPair pair;
   ASSERT_TRUE(pair.Open());
   ASSERT_TRUE(pair.client().Send("GET / HTTP/1.1\r\nHost: h\r\n\r\nBODY"));
   ASSERT_EQ(pair.QueuedAtServer().size(), 31u);  // all of it has arrived
   char head[8192];
   EXPECT_EQ(HTTP_get_header(pair.server_fd(), head, sizeof(head)), 27);
-  EXPECT_STREQ(head, "GET / HTTP/1.1\r\nHost: h\r\n\r\n");
-  EXPECT_EQ(pair.QueuedAtServer(), "BODY");
+  EXPECT_EQ(head + std::string("|") + pair.QueuedAtServer(),
+            "GET / HTTP/1.1\r\nHost: h\r\n\r\n|BODY");
 }
 
 int32_t H1(HttpRequest*) { return 0; }
@@ -368,8 +353,6 @@ class HttpRegistry : public LeakCheck {
  protected:
   void TearDown() override {
     tw::http::ClearHandlers();
-    upnp_http_set_default_url(nullptr);
-    HTTP_set_dns_and_remote_port(nullptr, 0);
     LeakCheck::TearDown();
   }
 };
@@ -390,7 +373,9 @@ TEST_F(HttpRegistry, SameUrlIsRefusedOnlyForOverlappingMethods) {
 
 TEST_F(HttpRegistry, LongUrlsAreCutAndEqualLengthsPreferTheNewest) {
   const std::string url = "/" + std::string(2000, 'u');
-  upnp_http_register_handler(H1, HTTP_METHOD_GET, url.c_str(), 0, 0);
+  EXPECT_THAT(Logged(UPNP_LOG_HTTP,
+                     [&] { upnp_http_register_handler(H1, HTTP_METHOD_GET, url.c_str(), 0, 0); }),
+              HasSubstr("upnp_http_register_handler URL to int32_t for registration /uuu"));
   EXPECT_EQ(tw::http::FindHandler(url.substr(0, 1023).c_str(), HTTP_METHOD_GET)->handler, H1);
   EXPECT_EQ(tw::http::FindHandler(url.substr(0, 1022).c_str(), HTTP_METHOD_GET), nullptr);
   upnp_http_register_handler(H2, HTTP_METHOD_GET, "/e1", 0, 0);

@@ -45,9 +45,9 @@ TEST_F(HttpErrorPages, PagesGoOutByteExactFromACopyOfTheRequest) {
   request->content_length = 777;
   EXPECT_EQ(HTTP_send_file_not_found(request.get()), 0);
   EXPECT_EQ(HTTP_send_access_restriced(request.get()), 0);
-  EXPECT_EQ(request->content_length, 777);  // the caller's response fields stay
-  EXPECT_STREQ(request->mime_type, "text/html; charset=utf-8");
-  EXPECT_STREQ(request->extra_headers, "");
+  // The caller's response fields stay.
+  EXPECT_EQ(std::to_string(request->content_length) + request->mime_type + request->extra_headers,
+            "777text/html; charset=utf-8");
   const auto found = pair.client().ReadResponse();
   EXPECT_EQ(found.head + found.body,
             "HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: "
@@ -61,7 +61,6 @@ TEST_F(HttpErrorPages, PagesGoOutByteExactFromACopyOfTheRequest) {
   const auto restricted = pair.client().ReadResponse();
   char host[128] = "";
   gethostname(host, sizeof(host) - 1);
-  EXPECT_EQ(restricted.status, 401);
   EXPECT_EQ(restricted.head.rfind("HTTP/1.1 401 Unauthorised\r\n", 0), 0u);
   EXPECT_NE(restricted.head.find("\r\nWWW-Authenticate: Basic realm=\"" + std::string(host) +
                                  "\"\nEXT:\r\n"),
@@ -98,9 +97,7 @@ TEST_F(HttpErrorPages, BareStatusAndTextBodies) {
   EXPECT_EQ(bare.head.rfind("HTTP/1.1 400 Bad Request\r\n", 0), 0u);
   EXPECT_EQ(HeaderValue(bare.head, "Content-Length") + bare.body, "0");
   const auto boom = pair.client().ReadResponse();
-  EXPECT_EQ(boom.status, 500);
-  EXPECT_EQ(boom.body, "boom");
-  EXPECT_EQ(pair.client().ReadResponse().body, "");
+  EXPECT_EQ(std::to_string(boom.status) + boom.body + pair.client().ReadResponse().body, "500boom");
   const auto busy = pair.client().ReadResponse();  // cut at 1024 with its terminator
   EXPECT_EQ(busy.body, ("<HTML><HEAD><TITLE>503 Service Unavailable</TITLE></HEAD><BODY><H1>"
                         "Service Unavailable</H1>Server can't provide /missing resource now.<br>" +
@@ -118,21 +115,19 @@ TEST_F(HttpErrorPages, FailuresGiveOneAndNeverHalfAResponse) {
             7);
   EXPECT_EQ(HTTP_send_unauthorized(MakeRequest(-1).get()), 1);
   TW_REQUIRE_LOOPBACK_NAMESPACE();  // every failure of the page or of HTTP_send_header's head
-  bool succeeded = false;
-  for (int n = 0; n < 32 && !succeeded; ++n) {
-    PeerPair pair;
-    ASSERT_TRUE(pair.Open());
-    auto request = MakeRequest(pair.server_fd());
-    tw::platform::FailAllocAfter(n);
-    const int32_t result = HTTP_send_file_not_found(request.get());
-    succeeded = !tw::platform::AllocFailureFired();
-    tw::platform::ClearAllocFailure();
-    pair.CloseServer();
-    const std::string raw = pair.client().ReadAll();
-    EXPECT_EQ(result, succeeded ? 0 : 1) << n;
-    EXPECT_EQ(raw.empty(), !succeeded) << n;
-  }
-  EXPECT_TRUE(succeeded);
+  const auto request = MakeRequest(-1);
+  ForEachAllocFailure(
+      [&] {
+        PeerPair pair;
+        EXPECT_TRUE(pair.Open());
+        request->socket = pair.server_fd();
+        const int32_t result = HTTP_send_file_not_found(request.get());
+        pair.CloseServer();
+        return std::make_pair(result, pair.client().ReadAll().empty());
+      },
+      [](const std::pair<int32_t, bool>& sent, bool failed) {
+        EXPECT_EQ(sent, std::make_pair(failed ? 1 : 0, failed));
+      });
 }
 
 TEST_F(HttpErrorPages, OverTlsOnlyThe401PagesUseTheHookForTheirBody) {

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Values read from request heads: header fields, escapes, MIME types and ranges.
 
 #include "support/test_support.h"
 
@@ -35,9 +34,6 @@ TEST_F(HttpHeadValues, ContentTypeRunsToTheLineEnd) {
   EXPECT_EQ(Mime("Content-Type: a/b"), "<null>");
   EXPECT_EQ(Mime("Accept: a/b\r\n"), "<null>");
   EXPECT_EQ(Mime(nullptr), "<null>");
-  tw::platform::FailAllocAfter(0);
-  EXPECT_EQ(HTTP_parse_header_mime_type("Content-Type: a/b\r\n"), nullptr);
-  tw::platform::ClearAllocFailure();
 }
 
 TEST_F(HttpHeadValues, ChunkedAndConnectionClose) {
@@ -81,11 +77,10 @@ std::string Extension(const char* mime) { return Text(HTTP_get_extension_by_mime
 
 // Rows whose order or spelling matters: first match wins, whole extensions without case.
 TEST(HttpMime, LookupsByExtension) {
-  EXPECT_EQ(Results(Type, {"mod", "tts", "3gp.a", "Mp4.A", "mpa", "3gp", "mpg-tts", "xml", "htm",
-                           "MP3", "mp33", "", nullptr}),
-            "video/mpeg,video/mpeg2,audio/mp4,audio/mp4,audio/MPA,video/3gpp,"
-            "video/vnd.dlna.mpeg-tts, text/xml; charset=\"utf-8\",text/html; charset=utf-8,"
-            "audio/mpeg,application/octet-stream,application/octet-stream,<null>,");
+  EXPECT_EQ(
+      Results(Type, {"mod", "3gp.a", "mpa", "3gp", "mpg-tts", "xml", "MP3", "mp33", "", nullptr}),
+      "video/mpeg,audio/mp4,audio/MPA,video/3gpp,video/vnd.dlna.mpeg-tts, text/xml; "
+      "charset=\"utf-8\",audio/mpeg,application/octet-stream,application/octet-stream,<null>,");
   // With a request the client database is asked first; the stand-in knows no special types.
   auto* request = static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest)));
   request->client_id = 1;
@@ -156,12 +151,8 @@ TEST_F(HttpRange, ByteRanges) {
       {"/a", "Range: bytes=500-100\r\n", 500, 100, 500, 100},
   };
   for (const Case& c : cases) Expect(c);
-  const char* huge = "99999999999999999999999";
-  HttpRequest* r = Read("/a", std::string("Range: bytes=") + huge + "-" + huge + "\r\n");
-  EXPECT_EQ(r->range_start, upnp_ascii_to_long_long(huge));
-  EXPECT_EQ(r->is_timeseek + r->range_is_dtcp, 0);
   EXPECT_EQ(Read("/a", "Range: bytes=1-2\r\nRange.dtcp.com: bytes=10-20\r\n")->range_is_dtcp, 0);
-  r = Read("/a", "Range.dtcp.com: bytes=10-20\r\n");
+  HttpRequest* r = Read("/a", "Range.dtcp.com: bytes=10-20\r\n");
   EXPECT_EQ(std::make_pair(r->range_is_dtcp, r->range_end), std::make_pair(1, int64_t{20}));
   // No digits behind a final -OP: nothing past the head is read.
   std::snprintf(r->header, sizeof(r->header), "GET /a HTTP/1.1\r\nRange: bytes=1-2\r\n-OP");
@@ -201,29 +192,26 @@ TEST_F(HttpRange, TimeSeekRanges) {
 }
 
 TEST(HttpTimeRange, ParsesAsWrittenWithItsOverflowRule) {
-  int32_t clock = 0;
-  EXPECT_EQ(HTTP_parse_time_range("10.5", &clock), 10005u);  // fraction as written
-  EXPECT_EQ(clock, 0);
-  EXPECT_EQ(HTTP_parse_time_range("1:00:00.000", &clock), 3600000u);
-  EXPECT_EQ(clock, 1);
-  // Without a fraction the clock form is 1000 times too large: ten minutes still fits, one
-  // hour overflows and is capped.
+  // "c" marks the clock form. The fraction counts as written; without one the clock form is 1000
+  // times too large: ten minutes still fits, one hour overflows and is capped.
   const auto parse = [](const char* text) {
-    return static_cast<int32_t>(HTTP_parse_time_range(text, nullptr));
+    int32_t clock = 0;
+    const auto ms = static_cast<int32_t>(HTTP_parse_time_range(text, &clock));
+    return std::to_string(ms) + (clock != 0 ? "c" : "");
   };
-  EXPECT_EQ(Results(parse, {" 1 2.3", "5x7", "0:10:00", "1:00:00", "", ":.", nullptr}),
-            "12003,5000,600000000,2147483647,-2,-2,0,");
+  EXPECT_EQ(Results(parse, {"10.5", "1:00:00.000", " 1 2.3", "5x7", "0:10:00", "1:00:00", "", ":.",
+                            nullptr}),
+            "10005,3600000c,12003,5000,600000000c,2147483647c,-2,-2c,0,");
+  EXPECT_EQ(HTTP_parse_time_range("0:10:00", nullptr), 600000000u);
 }
 
 TEST(HttpTimeRange, FormatsClockTimes) {
-  char buffer[32];
-  char small[4];
+  char buffer[32], small[4];
   EXPECT_EQ(upnp_range_to_string(3723004, buffer, sizeof(buffer)), 9);
-  EXPECT_STREQ(buffer, "1:2:3.004");
+  EXPECT_EQ(upnp_range_to_string(3723004, small, sizeof(small)), 9);
+  EXPECT_EQ(std::string(buffer) + "|" + small, "1:2:3.004|1:2");
   upnp_range_to_string(int64_t{61} * 3600000 + 1000, buffer, sizeof(buffer));
   EXPECT_STREQ(buffer, "1:0:1.000");  // hours wrap at 60
-  EXPECT_EQ(upnp_range_to_string(3723004, small, sizeof(small)), 9);
-  EXPECT_STREQ(small, "1:2");
   EXPECT_EQ(upnp_range_to_string(5, nullptr, 10), 0);
 }
 

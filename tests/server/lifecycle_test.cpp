@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Start, stop and restart of the servers against real sockets on loopback: what start makes per
-// interface, what stop tears down, and that no thread outlives its generation.
+// Start, stop and restart against real loopback sockets: no thread outlives its generation.
 
 #include "http/connection.h"
 #include "server/server_core.h"
@@ -16,16 +15,12 @@ using tw::core::RemoteRecord;
 int32_t Load(const int32_t& field) { return __atomic_load_n(&field, __ATOMIC_ACQUIRE); }
 uint32_t Load(const uint32_t& field) { return __atomic_load_n(&field, __ATOMIC_ACQUIRE); }
 
-bool AllThreadsEnded() {
-  return tw::server::LiveThreadsForTesting() == 0 && tw::http::LiveAcceptLoops() == 0 &&
-         tw::http::LiveConnectionWorkers() == 0 && tw::ssdp::RunningThreadsForTesting() == 0;
+std::vector<int> Threads() {  // core, accept loops, workers, discovery
+  return {tw::server::LiveThreadsForTesting(), tw::http::LiveAcceptLoops(),
+          tw::http::LiveConnectionWorkers(), tw::ssdp::RunningThreadsForTesting()};
 }
-
-std::string ThreadReport() {  // core, accept loops, workers, discovery
-  return ::testing::PrintToString(
-      std::vector<int>{tw::server::LiveThreadsForTesting(), tw::http::LiveAcceptLoops(),
-                       tw::http::LiveConnectionWorkers(), tw::ssdp::RunningThreadsForTesting()});
-}
+bool AllThreadsEnded() { return Threads() == std::vector<int>(4, 0); }
+std::string ThreadReport() { return ::testing::PrintToString(Threads()); }
 
 int CountOpenDescriptors() {
   const std::filesystem::directory_iterator fds("/proc/self/fd");
@@ -78,9 +73,8 @@ class ServerLifecycle : public DiscoveryTest {
   void SetUp() override {
     DiscoveryTest::SetUp();
     upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_IP, "127.0.0.1");
-    ResetServer();
-    g_exit_calls = 0;
     register_upnp_exit_function(&CountExit);
+    TW_REQUIRE_LOOPBACK_NAMESPACE();  // after the setup above, which the teardown expects
   }
   void TearDown() override {
     if (Load(g_server_running) == 1) upnp_server_stop(&g_server_running);
@@ -88,6 +82,7 @@ class ServerLifecycle : public DiscoveryTest {
     http_unregister_all_handlers();
     ResetServer();
     register_upnp_exit_function(nullptr);
+    g_exit_calls = 0;
     DiscoveryTest::TearDown();
   }
   static void ResetServer() {
@@ -96,12 +91,9 @@ class ServerLifecycle : public DiscoveryTest {
     tw::server::SetStopPauseForTesting(-1);
     tw::server::SetRestartPauseForTesting(-1);
   }
-  void StartLog() { log_.Start(UPNP_LOG_SYSTEM); }
-  std::string StopLog() { return log_.Stop(); }
 };
 
 TEST_F(ServerLifecycle, StartServesHttpAndStopEndsEveryThread) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   int taken = 0;  // the configured port is taken: the server moves on, and says so everywhere
   const int blocker = BoundSocket(&taken, true);
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_HTTPPORT, std::to_string(taken).c_str());
@@ -111,8 +103,7 @@ TEST_F(ServerLifecycle, StartServesHttpAndStopEndsEveryThread) {
   EXPECT_STREQ(g_IPaddress[0], "127.0.0.1");
   upnp_server_data* record = getHTTPServerData(0);
   ASSERT_EQ(record, LocalRecord(0));
-  EXPECT_EQ(getHTTPServerData(1), nullptr);
-  EXPECT_EQ(getHTTPServerData(-1), nullptr);
+  EXPECT_TRUE(getHTTPServerData(1) == nullptr && getHTTPServerData(-1) == nullptr);
   const int port = record->http_port;
   EXPECT_GT(port, taken);
   EXPECT_EQ(g_localPort, port);
@@ -121,15 +112,14 @@ TEST_F(ServerLifecycle, StartServesHttpAndStopEndsEveryThread) {
   EXPECT_TRUE(WaitFor([&] { return Load(record->ssdp_listen_socket) != -1; }));  // the listener's
 
   upnp_server_stop(&g_server_running);
-  EXPECT_EQ(Load(g_server_running), 0);
-  EXPECT_EQ(Load(record->http_socket), -1);
-  EXPECT_EQ(Load(record->ssdp_listen_socket), -1);
+  EXPECT_EQ(std::make_tuple(Load(g_server_running), Load(record->http_socket),
+                            Load(record->ssdp_listen_socket)),
+            std::make_tuple(0, -1, -1));
   EXPECT_TRUE(Refused("127.0.0.1", port)) << "still accepting after stop";
   close(blocker);
 }
 
 TEST_F(ServerLifecycle, StopIgnoresStoppedOrStoppingStateAndSecondStartOnlyAddsRenderer) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   const uint32_t generation = Load(LocalRecord(0)->stop_generation);
   for (const int32_t before : {0, -1}) {
     int32_t state = before;
@@ -148,15 +138,13 @@ TEST_F(ServerLifecycle, StopIgnoresStoppedOrStoppingStateAndSecondStartOnlyAddsR
 }
 
 TEST_F(ServerLifecycle, FailingHttpSocketKeepsDiscoveryThreads) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   // Text that never binds: every one of the 1001 attempts fails, which is a critical message
   // (it goes to the exit hook) and leaves the interface without an HTTP server.
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_IP, "999.0.0.1");
   upnp_server_start(&g_server_running);
-  EXPECT_EQ(Load(g_server_running), 1);
-  EXPECT_EQ(Load(LocalRecord(0)->http_socket), -1);
-  EXPECT_EQ(g_exit_calls.load(), 1);
-  EXPECT_EQ(tw::http::LiveAcceptLoops(), 0);
+  EXPECT_EQ(std::make_tuple(Load(g_server_running), Load(LocalRecord(0)->http_socket),
+                            g_exit_calls.load(), tw::http::LiveAcceptLoops()),
+            std::make_tuple(1, -1, 1, 0));
   // The listener was started all the same; it cannot join on such an address and ends.
   EXPECT_TRUE(WaitFor([] { return tw::server::LiveThreadsForTesting() == 0; }));
 }
@@ -179,7 +167,6 @@ int32_t DtcpListen(const char* ip, int32_t index) {
 }
 
 TEST_F(ServerLifecycle, SameSubnetIsSkippedAndLoopbackStaysQuiet) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   g_interfaces = {"127.0.1.5", "127.0.1.7", "127.0.0.1"};
   tw::server::SetInterfaceSourceForTesting(&FakeInterfaces);
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_DISABLELOCALSSDP, "1");
@@ -194,8 +181,7 @@ TEST_F(ServerLifecycle, SameSubnetIsSkippedAndLoopbackStaysQuiet) {
   EXPECT_EQ(skipped->http_port, 4242);
   upnp_server_data* first = LocalRecord(0);
   upnp_server_data* loopback = LocalRecord(2);
-  EXPECT_STREQ(first->ip_address, "127.0.1.5");
-  EXPECT_STREQ(loopback->ip_address, "127.0.0.1");
+  EXPECT_EQ(first->ip_address + std::string(" ") + loopback->ip_address, "127.0.1.5 127.0.0.1");
   EXPECT_NE(Load(loopback->http_socket), -1);
   // The loopback address gets an HTTP server but no discovery threads.
   EXPECT_TRUE(WaitFor([&] { return Load(first->ssdp_listen_socket) != -1; }));
@@ -212,7 +198,6 @@ TEST_F(ServerLifecycle, SameSubnetIsSkippedAndLoopbackStaysQuiet) {
 }
 
 TEST_F(ServerLifecycle, LoopbackKeepsDiscoveryWhenNotDisabled) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   g_interfaces = {"127.0.0.1", "127.0.3.9"};
   tw::server::SetInterfaceSourceForTesting(&FakeInterfaces);
   upnp_server_start(&g_server_running);
@@ -225,12 +210,11 @@ TEST_F(ServerLifecycle, LoopbackKeepsDiscoveryWhenNotDisabled) {
 }
 
 TEST_F(ServerLifecycle, RemoteAccessRecordGetsItsOwnSocket) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   int remote_port = 0;
   close(BoundSocket(&remote_port, false));
   server_set_remote_port(remote_port);
   upnp_http_register_handler(&Pong, HTTP_METHOD_GET, "/ping", 0, 1);
-  StartLog();
+  log_.Start(UPNP_LOG_SYSTEM);
   upnp_server_start(&g_server_running);
   const upnp_server_data* local = LocalRecord(0);
   upnp_server_data* remote = RemoteRecord(0);
@@ -245,13 +229,12 @@ TEST_F(ServerLifecycle, RemoteAccessRecordGetsItsOwnSocket) {
   upnp_server_stop(&g_server_running);
   EXPECT_EQ(Load(remote->http_socket), -1);
   // The local port is what this line names (kept as it always was).
-  EXPECT_THAT(StopLog(), HasSubstr("upnp_server_start HTTP Server for remote access starting at "
-                                   "127.0.0.1:" +
-                                   std::to_string(local->http_port)));
+  EXPECT_THAT(log_.Stop(), HasSubstr("upnp_server_start HTTP Server for remote access starting at "
+                                     "127.0.0.1:" +
+                                     std::to_string(local->http_port)));
 }
 
 TEST_F(ServerLifecycle, StopWhileRequestsAreInFlight) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   g_held = 0;
   g_release = false;
   upnp_http_register_handler(&HeldAnswer, HTTP_METHOD_GET, "/held", 0, 0);
@@ -269,8 +252,7 @@ TEST_F(ServerLifecycle, StopWhileRequestsAreInFlight) {
   EXPECT_EQ(tw::http::LiveConnectionWorkers(), 2) << "workers end with their connections";
   g_release = true;
   client.join();
-  EXPECT_EQ(held.status, 200);
-  EXPECT_EQ(held.body, "late");
+  EXPECT_EQ(std::to_string(held.status) + held.body, "200late");
   idle.Close();
   EXPECT_TRUE(WaitFor(AllThreadsEnded)) << ThreadReport();
 }
@@ -285,7 +267,6 @@ void NicChanged() {
 }
 
 TEST_F(ServerLifecycle, RestartFollowsAChangedInterface) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   tw::server::SetRestartPauseForTesting(50);
   g_cp_calls = g_nic_calls = g_nic_saw_restart = g_nic_saw_lock = 0;
   server_set_cp_callback(&CountControlPoint);
@@ -311,8 +292,7 @@ TEST_F(ServerLifecycle, RestartFollowsAChangedInterface) {
             std::make_tuple(1, 1, 1));
   EXPECT_EQ(g_nic_saw_lock.load(), 1) << "the global lock survives a restart";
   EXPECT_EQ(Load(record->stop_generation), generation + 1);
-  EXPECT_STREQ(g_IPaddress[0], "127.0.0.2");
-  EXPECT_STREQ(record->ip_address, "127.0.0.2");
+  EXPECT_EQ(g_IPaddress[0] + std::string(" ") + record->ip_address, "127.0.0.2 127.0.0.2");
   EXPECT_EQ(Get("127.0.0.2", record->http_port, "/ping").body, "pong");
   EXPECT_TRUE(Refused("127.0.0.1", old_port));
   // The old generation's accept loop and listener are gone; the new ones run.
@@ -322,12 +302,11 @@ TEST_F(ServerLifecycle, RestartFollowsAChangedInterface) {
 }
 
 TEST_F(ServerLifecycle, PeriodicNicCheckIsPacedAndSwitchable) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   upnp_server_start(&g_server_running);
   auto checked = [this](int64_t now) {
-    StartLog();
+    log_.Start(UPNP_LOG_SYSTEM);
     check_NIC_change(now);
-    return StopLog().find("check_NIC_change IP count") != std::string::npos;
+    return log_.Stop().find("check_NIC_change IP count") != std::string::npos;
   };
   EXPECT_TRUE(checked(1000));
   EXPECT_FALSE(checked(1029));
@@ -340,7 +319,6 @@ TEST_F(ServerLifecycle, PeriodicNicCheckIsPacedAndSwitchable) {
 }
 
 TEST_F(ServerLifecycle, GlobalLockWaitsForItsHolderAndIsGoneAfterStop) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   tw::server::SetStopPauseForTesting(0);  // so only the lock can hold the stop up
   upnp_server_start(&g_server_running);
   std::atomic<int> phase{0}, relock{-1};
@@ -370,7 +348,6 @@ TEST_F(ServerLifecycle, GlobalLockWaitsForItsHolderAndIsGoneAfterStop) {
 }
 
 TEST_F(ServerLifecycle, StopLetsTheHeartbeatSayByebye) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   const std::string address = ProcessLoopbackAddress();
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_IP, address.c_str());
   upnp_ssdp_isMediaServer();
@@ -407,7 +384,6 @@ TEST_F(ServerLifecycle, StopLetsTheHeartbeatSayByebye) {
 }
 
 TEST_F(ServerLifecycle, HundredCyclesLeaveNoThreadDescriptorOrMemory) {
-  TW_REQUIRE_LOOPBACK_NAMESPACE();
   // The 200 ms pause of every stop would make this test take half a minute on its own.
   tw::server::SetStopPauseForTesting(20);
   upnp_ssdp_isControlPoint(1);  // searches too: search and sender threads per cycle
@@ -429,9 +405,9 @@ TEST_F(ServerLifecycle, HundredCyclesLeaveNoThreadDescriptorOrMemory) {
       memory = upnp_mem_used();
     }
   }
-  EXPECT_EQ(Load(LocalRecord(0)->stop_generation), generation + 100);
-  EXPECT_EQ(CountOpenDescriptors(), descriptors);
-  EXPECT_EQ(upnp_mem_used(), memory);
+  EXPECT_EQ(std::make_tuple(Load(LocalRecord(0)->stop_generation), CountOpenDescriptors(),
+                            upnp_mem_used()),
+            std::make_tuple(generation + 100, descriptors, memory));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@ namespace {
 
 class SsdpHeartbeat : public SsdpTest {
  protected:
-  // Starts the heartbeat and takes its first count datagrams.
   std::vector<Datagram> Start(size_t count) {
     group_.OnlyFrom(address_);
     upnp_start_thread(SSDP_heartbeat, &record_, 3);
@@ -53,10 +52,8 @@ TEST_F(SsdpHeartbeat, AliveByebyeAndWakeupRequestsThenGenerationChangeEndsSilent
   ssdp::SetTickForTesting(3);      // 600 ticks between periodic alives take 1.8 s or more
   ASSERT_EQ(Start(8).size(), 8u);  // two alive sets
   upnp_ssdp_send_alive();          // returns after 500 ms
-  std::vector<Datagram> got = group_.Collect(100, 2s, 100ms);
-  ASSERT_EQ(got.size(), 4u);
-  EXPECT_EQ(got[1].text, Alive(Location("MediaTransferProtocol"), "upnp:rootdevice",
-                               kMtpUdn + "::upnp:rootdevice"));
+  EXPECT_EQ(Fields(group_.Collect(100, 2s, 100ms), "NTS"),
+            std::vector<std::string>(4, "ssdp:alive"));
   SSDP_trigger_byebye();
   EXPECT_THAT(Fields(Drain(group_), "NTS"), ElementsAre("ssdp:byebye", "ssdp:byebye"));
   SsdpProbe answers(SsdpProbe::kUnicast);
@@ -65,7 +62,7 @@ TEST_F(SsdpHeartbeat, AliveByebyeAndWakeupRequestsThenGenerationChangeEndsSilent
   EXPECT_TRUE(group_.Silent(1500ms)) << "an announcement while suspended";
   const auto woken = std::chrono::steady_clock::now();
   SSDP_trigger_wakeup();
-  got = group_.Collect(4, 5s);
+  const std::vector<Datagram> got = group_.Collect(4, 5s);
   ASSERT_EQ(got.size(), 4u);
   EXPECT_EQ(HeaderValue(got[0].text, "NTS"), "ssdp:alive");
   EXPECT_LT(got[0].at - woken, 500ms);

@@ -62,10 +62,7 @@ TEST_F(SsdpListener, HandlersGetDatagramsInOrderThenTheQueueIsWorkedOff) {
   const std::string cut = (big + std::string(1500, 'x')).substr(0, 1024);
   EXPECT_EQ(CallsWith(big).at(0), CallText('A', &record_, "127.0.0.1", port, cut));
   SendUntilHandled("queue");
-  const std::vector<Datagram> got = answers.Collect(3, 5s);
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(MaskDate(got[2].text),
-            Answer(Location("TMSDevice"), "upnp:rootdevice", kServerUdn + "::upnp:rootdevice"));
+  EXPECT_EQ(answers.Collect(3, 5s).size(), 3u);
 }
 
 TEST_F(SsdpListener, ZeroLengthDatagramRestartsTheListenerANewGenerationEndsIt) {
@@ -74,7 +71,7 @@ TEST_F(SsdpListener, ZeroLengthDatagramRestartsTheListenerANewGenerationEndsIt) 
   EXPECT_EQ(record_.ssdp_listen_socket, -1);
   SetState(1);
   upnp_ssdp_register_handler(Record<'A'>, "a");
-  StartLog();
+  log_.Start(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM);
   StartListener();
   ASSERT_EQ(upnp_sendto(sender_, "", 0, "239.255.255.250", 1900), 0);
   // The old listener stops receiving at the empty datagram: what is handled later came through
@@ -84,7 +81,7 @@ TEST_F(SsdpListener, ZeroLengthDatagramRestartsTheListenerANewGenerationEndsIt) 
   SendUntilHandled("generation");  // wakes the listener, which then sees the new generation
   EXPECT_TRUE(ThreadsEnd());
   EXPECT_NE(record_.ssdp_listen_socket, -1);  // closing it is the stop's business
-  const std::string log = StopLog();          // two starts: the restart is no ignored datagram
+  const std::string log = log_.Stop();        // two starts: the restart is no ignored datagram
   EXPECT_NE(log.find("starting SSDP listen thread", log.find("starting SSDP listen thread") + 1),
             std::string::npos);
 }

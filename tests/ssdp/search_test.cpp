@@ -51,7 +51,7 @@ TEST_F(SsdpSearch, FirstFreePortFrom1030SecondSearchWakesTheSenderAnswersReachHa
   ASSERT_EQ(upnp_socket_bind(device, "127.0.0.1", 0), 0);
   upnp_ssdp_register_handler(Record<'A'>, "a");
   upnp_ssdp_set_msearch_initial_interval(30);
-  StartLog();
+  log_.Start(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM);
   SSDP_m_search(&record_);
   const std::string renderer = Search("10", "MediaRenderer:1"),
                     server = Search("10", "MediaServer:1");
@@ -69,7 +69,7 @@ TEST_F(SsdpSearch, FirstFreePortFrom1030SecondSearchWakesTheSenderAnswersReachHa
             CallText('A', &record_, address_, platform::SocketLocalPort(device), text));
   SSDP_m_search(&elsewhere);
   EndThreads();  // waits for the scan on the other record as well
-  const std::string log = StopLog();
+  const std::string log = log_.Stop();
   EXPECT_THAT(log, HasSubstr("failed to get free port for " + address_ + ":1030, reason: "));
   EXPECT_THAT(log, HasSubstr("failed to get free port for 192.0.2.1:2000, reason: "));
   EXPECT_THAT(log, ::testing::Not(HasSubstr("192.0.2.1:2001")));

@@ -78,7 +78,6 @@ inline std::vector<std::string> CallsWith(const std::string& token) {
   return found;
 }
 
-// A UDP socket of the library, closed when it leaves scope.
 struct UdpSocket {
   int32_t fd = upnp_socket_create_udp();
   ~UdpSocket() { upnp_close_socket(&fd); }
@@ -93,8 +92,7 @@ inline upnp_ssdp_answer* NewAnswer(int32_t delay, int port, upnp_server_data* se
   return answer;
 }
 
-// Fresh settings (no start delay, data in a temporary directory) and discovery state; the
-// teardown ends the log, the discovery and the settings.
+// Fresh settings (no start delay, data in a temporary directory) and discovery state.
 class DiscoveryTest : public LeakCheck {
  protected:
   void SetUp() override {
@@ -138,16 +136,13 @@ class SsdpTest : public DiscoveryTest {
     EndThreads();
     DiscoveryTest::TearDown();
   }
-  static void SetState(int32_t state) {
-    __atomic_store_n(&g_server_running, state, __ATOMIC_RELEASE);
-  }
+  static void SetState(int32_t s) { __atomic_store_n(&g_server_running, s, __ATOMIC_RELEASE); }
   static bool ThreadsEnd() {
     return WaitFor([] { return ssdp::RunningThreadsForTesting() == 0; });
   }
   void NextGeneration() { __atomic_add_fetch(&record_.stop_generation, 1, __ATOMIC_ACQ_REL); }
-  // What a server stop does; then every discovery thread must end within 10 s. Blocked receives
-  // are woken by a shutdown and descriptors closed only when no thread uses them any more, so
-  // the thread sanitizer sees no close racing a receive.
+  // What a server stop does. Receives are woken by a shutdown and sockets closed once no thread
+  // uses them, so no close races a receive.
   void EndThreads() {
     SetState(0);
     NextGeneration();
@@ -160,9 +155,6 @@ class SsdpTest : public DiscoveryTest {
       upnp_close_socket(slot);
     }
   }
-  // SSDP and system log lines go to standard output while captured.
-  void StartLog() { log_.Start(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM); }
-  std::string StopLog() { return log_.Stop(); }
   std::string Location(const std::string& device) const {
     return "http://" + address_ + ":9000/" + device + "Description.xml";
   }
