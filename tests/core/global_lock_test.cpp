@@ -39,8 +39,7 @@ TEST(CoreGlobalLock, StaysExclusiveAndSafeWhileMadeAndDestroyed) {
   upnp_global_unlock();  // nothing held: harmless
 }
 
-// A holder whose stop destroyed the lock under it still lets go of it, so the next start's lock
-// is free for other threads (a leak shows as a bounded wait that fails).
+// A holder whose lock a stop destroyed still lets go of it: the next lock is free for others.
 TEST(CoreGlobalLock, HolderReleasesALockDestroyedUnderIt) {
   tw::core::CreateGlobalLock();
   ASSERT_EQ(upnp_global_lock(), 1);

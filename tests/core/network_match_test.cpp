@@ -133,8 +133,8 @@ TEST_F(NetworkMatch, MacLookupAsksSixteenInterfacesPerAttemptUntilAnEntryAppears
 TEST_F(NetworkMatch, LoopbackPeersHaveNoMacAfterFiveAttempts) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   // The real ARP table: lo never has neighbours (and qemu's emulation refuses the request with
-  // EPFNOSUPPORT), so both peers end without an address after five attempts of 100 ms.
-  for (const char* peer : {"127.0.0.1", "127.0.0.2"}) {
+  // EPFNOSUPPORT), so the peer ends without an address after five attempts of 100 ms.
+  for (const char* peer : {"127.0.0.2"}) {
     char out[18] = "garbage";
     const auto began = std::chrono::steady_clock::now();
     EXPECT_EQ(GetMACaddress(peer, out), 0) << peer;

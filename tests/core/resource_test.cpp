@@ -47,8 +47,7 @@ class ServerResource : public LeakCheck {
 };
 
 TEST_F(ServerResource, OnlyKnownExtensionsAreCached) {
-  // Read with two zero bytes behind; the text after the last dot counts; empty files are
-  // delivered but never cached.
+  // Two zero bytes behind; the last dot's text counts; empty files are delivered, never cached.
   const char* const names[] = {"icon.png", "v1.2.xml", "readme.html", "upper.PNG", "noext"};
   for (const char* name : names) Put(name, "one");
   Put("empty.xml", "");

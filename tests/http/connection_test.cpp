@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/connection.h"
 
-#include <sys/resource.h>
-
 #include "http/registry.h"
 #include "support/test_support.h"
 
@@ -311,39 +309,6 @@ TEST_F(HttpWire, RemoteAccessMarksRequestsLearnsAndRewritesBaseUrls) {
   }
 }
 
-TEST_F(HttpWire, TakenPortsAreSkippedUpTo1001) {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max < 2048 ? limit.rlim_max : 2048;
-  setrlimit(RLIMIT_NOFILE, &limit);
-  if (limit.rlim_cur < 2048) GTEST_SKIP() << "needs 2048 descriptors";
-  // Below the ephemeral range, so no client socket of another test sits on these ports.
-  const int first = 21000 + static_cast<int>(getpid() % 10) * 1100;
-  std::vector<int> fds;  // plain sockets without address reuse, so they clash
-  for (int port = first; port < first + 1000; ++port) {
-    const sockaddr_in a = LoopbackAddress(port);
-    fds.push_back(socket(AF_INET, SOCK_STREAM, 0));
-    EXPECT_EQ(bind(fds.back(), reinterpret_cast<const sockaddr*>(&a), sizeof(a)), 0) << port;
-  }
-  int32_t socket = -1;
-  int32_t port = first;
-  HTTP_create_server_socket(&socket, &port, "127.0.0.1");
-  EXPECT_EQ(port, first + 1000);  // the 1001st attempt; a failing last one is a lifecycle test
-  upnp_close_socket(&socket);
-  for (int fd : fds) close(fd);
-}
-
-TEST_F(HttpWire, HeadIsTakenWithoutTheBody) {
-  PeerPair pair;
-  ASSERT_TRUE(pair.Open());
-  ASSERT_TRUE(pair.client().Send("GET / HTTP/1.1\r\nHost: h\r\n\r\nBODY"));
-  ASSERT_EQ(pair.QueuedAtServer().size(), 31u);  // all of it has arrived
-  char head[8192];
-  EXPECT_EQ(HTTP_get_header(pair.server_fd(), head, sizeof(head)), 27);
-  EXPECT_EQ(head + std::string("|") + pair.QueuedAtServer(),
-            "GET / HTTP/1.1\r\nHost: h\r\n\r\n|BODY");
-}
-
 int32_t H1(HttpRequest*) { return 0; }
 int32_t H2(HttpRequest*) { return 0; }
 int32_t H3(HttpRequest*) { return 0; }
@@ -387,8 +352,7 @@ TEST_F(HttpRegistry, LongUrlsAreCutAndEqualLengthsPreferTheNewest) {
   EXPECT_EQ(tw::http::FindHandler("/e1", HTTP_METHOD_POST), nullptr);
 }
 
-// A full unregister, after which the header handlers that other tests of this program rely on
-// are registered again in their old order.
+// Unregisters everything, then this program's header handlers again, in their order.
 void UnregisterAllKeepingHeaderHandlers() {
   std::vector<upnp_http_header_handler_fn> kept;
   for (auto* node = tw::http::HeaderHandlers(); node != nullptr; node = node->next) {

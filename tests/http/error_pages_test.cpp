@@ -69,18 +69,6 @@ TEST_F(HttpErrorPages, PagesGoOutByteExactFromACopyOfTheRequest) {
   EXPECT_EQ(restricted.body, kRestrictedPage);
 }
 
-TEST_F(HttpErrorPages, TextsAreCutAndNullRestoresTheDefaults) {
-  char page[tw::http::kPageSize];
-  HTTP_set_access_restriced_message(std::string(99, 'T').c_str(), std::string(200, 'm').c_str());
-  tw::http::ComposePage(tw::http::Page::kUnauthorized, "/u", nullptr, page);
-  const std::string title(63, 'T');
-  EXPECT_EQ(std::string(page), "<HTML><HEAD><TITLE>401 " + title + "</TITLE></HEAD><BODY><H1>" +
-                                   title + "</H1>" + std::string(127, 'm') + "</BODY></HTML>");
-  HTTP_set_file_not_found_message(nullptr, "gone");
-  tw::http::ComposePage(tw::http::Page::kNotFound, "/u", nullptr, page);
-  EXPECT_NE(std::string(page).find("<H1>Not Found</H1>gone<"), std::string::npos);
-}
-
 TEST_F(HttpErrorPages, BareStatusAndTextBodies) {
   TW_REQUIRE_LOOPBACK_NAMESPACE();
   PeerPair pair;

@@ -173,8 +173,7 @@ TEST_F(HttpResponseHeader, DlnaChecksTurnOkIntoErrors) {
       {interactive_only, "Host: h\r\ntransferMode.dlna.org: streaming\r\n", 0, 406},
       {"/m/1-FLAGS01700000/v", "Host: h\r\ntransferMode.dlna.org: Interactive\r\n", 0, 406},
       {"/m/1-FLAGS01700000/v", "Host: h\r\ntransferMode.dlna.org: interactive\r\n", 0, 200},
-      // A DLNA client must send Host unless it asks for caption info; "no DLNA" (all bits)
-      // counts as a version too.
+      // DLNA clients must send Host unless asking for captions; "no DLNA" counts as a version.
       {"/v", "Accept: */*\r\n", 0, 200},
       {"/v", "Accept: */*\r\n", 15, 400},
       {"/v", "Accept: */*\r\n", 0xFFFFFFFFu, 400},
@@ -294,20 +293,6 @@ TEST_F(HttpResponseHeader, ExtraHeadersAndTheirHelpers) {
   std::memset(raw.extra_headers, 'e', sizeof(raw.extra_headers));
   std::memset(raw.url, 'u', sizeof(raw.url));
   EXPECT_EQ(Compose(200).size(), 8191u);
-}
-
-TEST(HttpUserAgent, FirstSetterWinsUntilMadeSettable) {
-  char text[tw::http::kUserAgentSize];
-  HTTP_make_user_agent_settable();
-  HTTP_set_default_user_agent(std::string(300, 'u').c_str());
-  HTTP_set_default_user_agent("second");
-  EXPECT_TRUE(tw::http::CopyUserAgent(text, sizeof(text)));
-  EXPECT_EQ(std::string(text), std::string(127, 'u'));
-  HTTP_make_user_agent_settable();
-  EXPECT_FALSE(tw::http::CopyUserAgent(text, sizeof(text)));
-  HTTP_set_default_user_agent(nullptr);
-  EXPECT_TRUE(tw::http::CopyUserAgent(text, sizeof(text)) && text[0] == '\0');
-  HTTP_make_user_agent_settable();
 }
 
 }  // namespace

@@ -93,19 +93,4 @@ TEST(Memory, ContainersThroughTheAdapterAreCountedAndThrowOnShortage) {
   tw::platform::ClearAllocFailure();
 }
 
-TEST(Memory, ConcurrentAllocationsKeepTheCountExact) {
-  const int32_t base = Used();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([] {
-      for (int i = 0; i < 2000; ++i) {
-        void* p = upnp_malloc_impl(static_cast<size_t>(i % 97) + 1);
-        upnp_free_impl(upnp_realloc_impl(p, static_cast<size_t>(i % 13) + 1));
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(Used(), base);
-}
-
 }  // namespace

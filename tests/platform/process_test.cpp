@@ -54,8 +54,7 @@ TEST_F(PlatformProcess, RunningProgramIsRefusedEndedOnesAreReapedArgumentsArrive
   for (const char* path : {"/bin/sleep", "/bin//sleep", "/bin///sleep"}) ASSERT_EQ(Start(path), 0);
   EXPECT_EQ(Start("/bin/sleep"), 1);
   ASSERT_EQ(ActiveProcessCount(), 3);
-  // End the first and the last: removing the first moves the last into its slot, which must be
-  // examined in the same pass.
+  // Removing the ended first moves the ended last into its slot: the same pass must see it.
   const pid_t first = ActiveProcessId(0), middle = ActiveProcessId(1), last = ActiveProcessId(2);
   kill(first, SIGKILL);
   kill(last, SIGKILL);

@@ -113,8 +113,7 @@ TEST_F(SocketTest, OptionsAndDatagramsWithHostOrderSenderAndEmptyPayload) {
   EXPECT_EQ(from_port, 0);
   EXPECT_EQ(upnp_sendto(a.fd, "x", 1, "300.1.2.3", SocketLocalPort(b.fd)), -1);
   EXPECT_STREQ(getLastSocketError(), std::strerror(EINVAL));
-  // The SSDP listener tests make group sockets; without an address there is none (the socket it
-  // made is left open by design).
+  // No group socket without an address (the SSDP tests make real ones).
   EXPECT_EQ(upnp_create_listen_socket(nullptr), -1);
 }
 

@@ -81,12 +81,5 @@ TEST(SsdpBeat, PeriodicAliveWhenTheTicksExceedAThirdOfTheBeatCappedAtAMinute) {
   }
 }
 
-TEST_F(SsdpHeartbeat, UnbindableAddressEndsAtOnce) {
-  std::snprintf(record_.ip_address, sizeof(record_.ip_address), "192.0.2.1");
-  SSDP_heartbeat(&record_);
-  EXPECT_EQ(upnp_ssdp_heartbeat_active(), 0);
-  EXPECT_EQ(record_.ssdp_notify_socket, -1);
-}
-
 }  // namespace
 }  // namespace tw::test

@@ -71,17 +71,17 @@ TEST_F(SsdpListener, ZeroLengthDatagramRestartsTheListenerANewGenerationEndsIt) 
   EXPECT_EQ(record_.ssdp_listen_socket, -1);
   SetState(1);
   upnp_ssdp_register_handler(Record<'A'>, "a");
-  log_.Start(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM);
-  StartListener();
-  ASSERT_EQ(upnp_sendto(sender_, "", 0, "239.255.255.250", 1900), 0);
-  // The old listener stops receiving at the empty datagram: what is handled later came through
-  // the fresh one.
-  EXPECT_FALSE(CallsWith(SendUntilHandled("after")).empty());
-  NextGeneration();
-  SendUntilHandled("generation");  // wakes the listener, which then sees the new generation
-  EXPECT_TRUE(ThreadsEnd());
-  EXPECT_NE(record_.ssdp_listen_socket, -1);  // closing it is the stop's business
-  const std::string log = log_.Stop();        // two starts: the restart is no ignored datagram
+  // Two starts: the restart is no ignored datagram.
+  const std::string log = Logged(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM, [&] {
+    StartListener();
+    ASSERT_EQ(upnp_sendto(sender_, "", 0, "239.255.255.250", 1900), 0);
+    // The old listener stopped at the empty datagram: this one comes through the fresh one.
+    EXPECT_FALSE(CallsWith(SendUntilHandled("after")).empty());
+    NextGeneration();
+    SendUntilHandled("generation");  // wakes the listener, which then sees the new generation
+    EXPECT_TRUE(ThreadsEnd());
+    EXPECT_NE(record_.ssdp_listen_socket, -1);  // closing it is the stop's business
+  });
   EXPECT_NE(log.find("starting SSDP listen thread", log.find("starting SSDP listen thread") + 1),
             std::string::npos);
 }

@@ -73,7 +73,7 @@ TEST_F(SsdpMessages, TargetsSelectEntriesAnnouncementsCarryAllByebyeListsDiffer)
     EXPECT_EQ(got[i].text, Alive(Location(device), types[i], types[i]));
   }
   // clang-format on
-  // The byebye lists are not the alive lists: kept as devices in the field have seen them.
+  // The byebye lists are not the alive lists (intended, see src/ssdp/messages.cpp).
   SSDP_send_byebye(socket_, "127.0.0.1", probe_.port());
   // clang-format off
   EXPECT_THAT(Fields(Drain(probe_), "NT"), ElementsAre(

@@ -51,25 +51,26 @@ TEST_F(SsdpSearch, FirstFreePortFrom1030SecondSearchWakesTheSenderAnswersReachHa
   ASSERT_EQ(upnp_socket_bind(device, "127.0.0.1", 0), 0);
   upnp_ssdp_register_handler(Record<'A'>, "a");
   upnp_ssdp_set_msearch_initial_interval(30);
-  log_.Start(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM);
-  SSDP_m_search(&record_);
-  const std::string renderer = Search("10", "MediaRenderer:1"),
-                    server = Search("10", "MediaServer:1");
-  EXPECT_THAT(Fields(group_.Collect(4, 10s), ""), ElementsAre(renderer, server, renderer, server));
-  EXPECT_TRUE(group_.Silent(300ms));  // now in the 30 s wait
-  SSDP_m_search(&record_);            // the socket exists: this only wakes the sender
-  EXPECT_EQ(group_.Collect(4, 3s).size(), 4u);
-  EXPECT_TRUE(WaitFor([] { return ssdp::RunningThreadsForTesting() == 2; }));  // receiver, sender
-  EXPECT_EQ(platform::SocketLocalPort(SearchSocket()), 1031);
-  const std::string text = "HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\n\r\n";
-  upnp_sendto(device, text.data(), static_cast<int32_t>(text.size()), address_.c_str(), 1031);
-  ASSERT_TRUE(WaitFor([&] { return !CallsWith(text).empty(); }));
-  // Intended: the record's own address, not the answering device's.
-  EXPECT_EQ(CallsWith(text)[0],
-            CallText('A', &record_, address_, platform::SocketLocalPort(device), text));
-  SSDP_m_search(&elsewhere);
-  EndThreads();  // waits for the scan on the other record as well
-  const std::string log = log_.Stop();
+  const std::string log = Logged(UPNP_LOG_SSDP | UPNP_LOG_SYSTEM, [&] {
+    SSDP_m_search(&record_);
+    const std::string renderer = Search("10", "MediaRenderer:1"),
+                      server = Search("10", "MediaServer:1");
+    EXPECT_THAT(Fields(group_.Collect(4, 10s), ""),
+                ElementsAre(renderer, server, renderer, server));
+    EXPECT_TRUE(group_.Silent(300ms));  // now in the 30 s wait
+    SSDP_m_search(&record_);            // the socket exists: this only wakes the sender
+    EXPECT_EQ(group_.Collect(4, 3s).size(), 4u);
+    EXPECT_TRUE(WaitFor([] { return ssdp::RunningThreadsForTesting() == 2; }));  // receiver, sender
+    EXPECT_EQ(platform::SocketLocalPort(SearchSocket()), 1031);
+    const std::string text = "HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\n\r\n";
+    upnp_sendto(device, text.data(), static_cast<int32_t>(text.size()), address_.c_str(), 1031);
+    ASSERT_TRUE(WaitFor([&] { return !CallsWith(text).empty(); }));
+    // Intended: the record's own address, not the answering device's.
+    EXPECT_EQ(CallsWith(text)[0],
+              CallText('A', &record_, address_, platform::SocketLocalPort(device), text));
+    SSDP_m_search(&elsewhere);
+    EndThreads();  // waits for the scan on the other record as well
+  });
   EXPECT_THAT(log, HasSubstr("failed to get free port for " + address_ + ":1030, reason: "));
   EXPECT_THAT(log, HasSubstr("failed to get free port for 192.0.2.1:2000, reason: "));
   EXPECT_THAT(log, ::testing::Not(HasSubstr("192.0.2.1:2001")));

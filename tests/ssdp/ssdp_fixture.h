@@ -106,13 +106,11 @@ class DiscoveryTest : public LeakCheck {
     strIFblacklist[0] = '\0';
   }
   void TearDown() override {
-    if (log_.active) log_.Stop();
     SSDP_exit();
     while (upnp_ini_file_is_initialized() != 0) upnp_ini_file_release();
     LeakCheck::TearDown();
   }
   TempDir dir_;
-  LogCapture log_;
 };
 
 class SsdpTest : public DiscoveryTest {

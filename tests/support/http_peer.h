@@ -136,8 +136,7 @@ class HttpPeer {
   std::string pending_;
 };
 
-// A connected TCP pair over 127.0.0.1: `client` talks, the accepted end goes to the code under
-// test.
+// A connected TCP pair over 127.0.0.1: `client` talks, the accepted end is the code's.
 class PeerPair {
  public:
   PeerPair() = default;

@@ -139,34 +139,17 @@ inline bool InLoopbackOnlyNamespace() {
       GTEST_SKIP() << "needs a loopback-only network namespace (run via make test)"; \
   } while (0)
 
-// The library's log lines at the given mode, through standard output, from Start until Stop.
-struct LogCapture {
-  ~LogCapture() {
-    if (active) Stop();
-  }
-  void Start(uint32_t mode) {
-    upnp_log_init(nullptr);
-    upnp_log_set_mode(mode);
-    testing::internal::CaptureStdout();
-    active = true;
-  }
-  std::string Stop() {
-    active = false;
-    std::string text = testing::internal::GetCapturedStdout();
-    upnp_log_set_mode(0);
-    upnp_log_exit();
-    return text;
-  }
-  bool active = false;
-};
-
-// Runs body with the log captured at the given mode and returns what it wrote.
+// The log lines body writes at the given mode, as they reach standard output.
 template <typename Body>
 std::string Logged(uint32_t mode, Body&& body) {
-  LogCapture capture;
-  capture.Start(mode);
+  upnp_log_init(nullptr);
+  upnp_log_set_mode(mode);
+  testing::internal::CaptureStdout();
   body();
-  return capture.Stop();
+  std::string text = testing::internal::GetCapturedStdout();
+  upnp_log_set_mode(0);
+  upnp_log_exit();
+  return text;
 }
 
 // The text of an accounted C string ("<null>" for none), which is freed.

@@ -1,2 +1,1 @@
-// The layer above.
 #pragma once

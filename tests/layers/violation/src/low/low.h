@@ -1,2 +1,1 @@
-// A low layer that reaches up: the layer check must report this line.
-#include "high/high.h"
+#include "high/high.h"  // a low layer reaching up: the check must report it
