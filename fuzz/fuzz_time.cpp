@@ -2,12 +2,14 @@
 // Dates and durations. The input's first eight bytes pick a time (any 64-bit value, so both the
 // far past and the far future, where a 32-bit time_t gives the empty text); the rest is read as a
 // date text and as a duration text. Checks that the once-a-day cache of HTTP dates gives what a
-// full conversion gives, that a written GMT date reads back as the same time, and that parsing
-// arbitrary text stays in bounds.
+// full conversion gives, that the cookie expiry date is the C library's, that a written GMT date
+// reads back as the same time, and that parsing arbitrary text stays in bounds.
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 
+#include "http/authorization.h"
 #include "platform/time_internal.h"
 #include "tarnwick/platform.h"
 
@@ -27,6 +29,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char cached[64], full[64];
     Check(tw::platform::FormatHttpDateCached(when, cached, sizeof cached) == cached);
     Check(std::strcmp(cached, upnp_date_formatGMT(when, full, sizeof full)) == 0);
+  }
+  // The cookie form computes the calendar itself; the C library is the reference where time_t
+  // reaches.
+  const time_t tt = static_cast<time_t>(t);
+  tm parts{};
+  char cookie[64], expected[64];
+  if (static_cast<int64_t>(tt) == t && t >= 0 && gmtime_r(&tt, &parts) != nullptr &&
+      parts.tm_year < 8000) {
+    std::strftime(expected, sizeof expected, "%a, %d-%b-%Y %H:%M:%S GMT", &parts);
+    tw::http::FormatCookieExpiry(t, cookie, sizeof cookie);
+    Check(std::strcmp(cookie, expected) == 0);
   }
   // Years 0..9999 print as four digits, which is what the reader takes.
   const int64_t bounded = t % 253402300800;
