@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "http/connection.h"
-#include "http/head_reader.h"
+#include "httpclient/head_reader.h"
 #include "tarnwick/http.h"
 #include "tarnwick/platform.h"
 #include "tarnwick/server.h"
@@ -118,7 +118,7 @@ int Serve(int32_t port) {
   int signal_number = 0;
   sigwait(&stop, &signal_number);
   const uint64_t requests = g_requests.load();
-  const uint64_t receives = tw::http::ReceiveCalls();
+  const uint64_t receives = tw::httpclient::ReceiveCalls();
   std::printf("requests %llu receive_calls %llu receive_calls_per_request %.3f\n",
               static_cast<unsigned long long>(requests), static_cast<unsigned long long>(receives),
               requests > 0 ? static_cast<double>(receives) / static_cast<double>(requests) : 0.0);

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
  * HTTP server (connections, handler registry, request parsing, response headers with DLNA
- * fields, bodies, error pages, authorization, remote access) and the HTTP client's body readers.
+ * fields, bodies, error pages, authorization, remote access). The head and body readers it shares
+ * with the HTTP client are declared in tarnwick/httpclient.h, which this header includes.
  *
  * Conventions of this family:
  *  - HTTP_* senders return 0 on success and 1 on failure; the caller closes the connection.
@@ -17,6 +18,7 @@
 #include <stdint.h>
 
 #include "tarnwick/export.h"
+#include "tarnwick/httpclient.h"
 #include "tarnwick/types.h"
 
 TW_EXTERN_C_BEGIN
@@ -146,10 +148,6 @@ TW_API void* HTTP_receive(void* connection) TW_NOEXCEPT;
 TW_API int32_t HTTP_receive_Impl(HttpConnection* connection) TW_NOEXCEPT;
 /* Serves one request: 0 keeps the connection, non-zero closes it; a null argument gives 1. */
 TW_API int32_t HTTP_send_receive(HttpConnection* connection) TW_NOEXCEPT;
-/* Reads one head, up to and including the blank line, into buffer, NUL-terminated. Returns its
- * length, or 0 when the peer closed or a receive failed first. Bytes after the head stay in the
- * socket. A head longer than size - 1 is cut, the rest of it discarded, and gives size - 1. */
-TW_API int32_t HTTP_get_header(int32_t socket, char* buffer, int32_t size) TW_NOEXCEPT;
 
 /* Adds a URL handler for the methods in the mask; url null or "" serves every URL. Refused
  * and logged for a null handler or when a handler sharing a method has the same URL. */
@@ -165,33 +163,12 @@ TW_API int32_t upnp_http_handler_is_registered(upnp_http_handler_fn handler) TW_
 /* Shuts the TLS module down when it was started, and frees both handler lists. */
 TW_API void http_unregister_all_handlers(void) TW_NOEXCEPT;
 
-/* Connect/send/receive time-out of the HTTP client in seconds, 30 by default. The setter
- * returns the previous value. */
-TW_API int32_t HTTP_set_connection_timeout(int32_t seconds) TW_NOEXCEPT;
-TW_API int32_t HTTP_get_connection_timeout(void) TW_NOEXCEPT;
 /* The URL served for "/" and the empty target: at most 1023 characters, null empties it. */
 TW_API void upnp_http_set_default_url(const char* url) TW_NOEXCEPT;
 /* Remote access: the external base text, at most 127 characters, one trailing "/" dropped when
  * the text has two or more; the remote-access port, 0 for none. Enabled when text is not empty. */
 TW_API void HTTP_set_dns_and_remote_port(const char* text, int32_t port) TW_NOEXCEPT;
 /* ---- end of connections and handler registry --------------------------------------------- */
-
-/* ---- Message bodies ---------------------------------------------------------------------- */
-/*
- * Readers of the body that follows a head on a socket, framed by chunked coding, Content-Length,
- * or, for HTTP/1.0 and "Connection: close", the end of the connection. Nothing is logged; a short
- * body is returned as far as it arrived.
- */
-
-/* The body as a new string to free with upnp_string_free, or null when the head announces none,
- * the head is null or nothing arrived. */
-TW_API upnp_string* HTTP_receive_body(int32_t socket, const char* head) TW_NOEXCEPT;
-/* Reads one chunk of a chunked body: its byte count with *data_out a new block holding the bytes,
- * freed with upnp_free_impl; 0 at the last chunk; -1 for a socket of -1, a null data_out, a
- * failed size line, memory shortage or a chunk of which nothing arrived. *data_out is null
- * unless the result is above 0. */
-TW_API int32_t HTTP_receive_chunk(int32_t socket, char** data_out) TW_NOEXCEPT;
-/* ---- end of message bodies --------------------------------------------------------------- */
 
 /* ---- Request header parsing -------------------------------------------------------------- */
 /*
@@ -215,18 +192,6 @@ TW_API uint32_t HTTP_parse_time_range(const char* text, int32_t* clock_flag) TW_
 TW_API int32_t upnp_range_to_string(int64_t milliseconds, char* buffer, size_t size) TW_NOEXCEPT;
 /* Frees the record and its text; null is a no-op. */
 TW_API void upnp_timeseek_free(upnp_timeseek* record) TW_NOEXCEPT;
-/* The "content-type:" value up to CR LF as a new block (free with upnp_free_impl); null when
- * missing, not ended by CR LF, head null or memory short. */
-TW_API char* HTTP_parse_header_mime_type(const char* head) TW_NOEXCEPT;
-/* 1 when the head holds both "chunked\r\n" and "Transfer-Encoding" (any case), else 0. */
-TW_API int32_t HTTP_parse_header_chunked(const char* head) TW_NOEXCEPT;
-/* 1 when the "connection:" value starts with "close" (any case) or "close" occurs anywhere
- * after the header name, else 0 (also for null). */
-TW_API int32_t upnp_http_has_connection_close(const char* head) TW_NOEXCEPT;
-/* Status code of a response head (the number after the first space); 500 for null or no space. */
-TW_API int32_t HTTP_parse_header_response(const char* head) TW_NOEXCEPT;
-/* The "content-length:" value; 0 when missing, negative or the head is null. */
-TW_API int64_t HTTP_parse_header_size(const char* head) TW_NOEXCEPT;
 /* Decodes "%XY" (digits not checked) and '+' in place; null is a no-op. */
 TW_API void HTTP_unescape_url(char* text) TW_NOEXCEPT;
 /* Moves *text_pointer over blanks and tabs, unless only blanks precede a CR or the end, in which
@@ -257,11 +222,6 @@ TW_API void HTTP_add_header(HttpRequest* request, const char* lines) TW_NOEXCEPT
 TW_API void HTTP_set_server_info(HttpRequest* request) TW_NOEXCEPT;
 /* Appends the Expires, Pragma and Cache-Control no-cache lines. */
 TW_API void HTTP_set_no_cache(HttpRequest* request) TW_NOEXCEPT;
-/* Sets the HTTP client's User-Agent (at most 127 characters, null: empty) unless one was set
- * already; marks it set. */
-TW_API void HTTP_set_default_user_agent(const char* text) TW_NOEXCEPT;
-/* Lets the next HTTP_set_default_user_agent take effect again. */
-TW_API void HTTP_make_user_agent_settable(void) TW_NOEXCEPT;
 /* ---- end of response header composition -------------------------------------------------- */
 
 /* ---- MIME types -------------------------------------------------------------------------- */

@@ -13,6 +13,7 @@
 #include "tarnwick/core.h"
 #include "tarnwick/export.h"
 #include "tarnwick/http.h"
+#include "tarnwick/httpclient.h"
 #include "tarnwick/log.h"
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"

@@ -10,8 +10,8 @@
 
 #include "base/ascii.h"
 #include "base/fixed_text.h"
-#include "http/head_reader.h"
 #include "http/registry.h"
+#include "httpclient/head_reader.h"
 #include "platform/socket.h"
 #include "platform/time_zone.h"
 #include "tarnwick/clientdb.h"
@@ -225,7 +225,7 @@ int32_t Dispatch(HttpRequest* request, upnp_string** body_out) noexcept {
 
 bool ReadRequestHead(HttpRequest* request) noexcept {
   if (request->tls == 0) {
-    return ReadHead(request->socket, request->header, sizeof(request->header)) != 0;
+    return httpclient::ReadHead(request->socket, request->header, sizeof(request->header)) != 0;
   }
   upnp_tls_http_get_header_fn hook = Tls().http_get_header;
   if (hook == nullptr) return false;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for listening sockets, the accept and connection threads, and the head reader.
 #include "http/connection.h"
-#include "http/head_reader.h"
 #include "tarnwick/http.h"
 #include "tarnwick/platform.h"
 
@@ -43,11 +42,6 @@ TW_API int32_t HTTP_receive_Impl(HttpConnection* connection) noexcept {
 TW_API int32_t HTTP_send_receive(HttpConnection* connection) noexcept {
   if (connection == nullptr || connection->server == nullptr) return 1;
   return tw::http::ServeOne(connection);
-}
-
-TW_API int32_t HTTP_get_header(int32_t socket, char* buffer, int32_t size) noexcept {
-  if (socket == -1 || buffer == nullptr) return 0;
-  return tw::http::ReadHead(socket, buffer, size);
 }
 
 }  // extern "C"

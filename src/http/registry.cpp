@@ -13,15 +13,12 @@
 namespace tw::http {
 namespace {
 
-constexpr int32_t kDefaultConnectionTimeoutSeconds = 30;
-
 HandlerNode* g_handlers = nullptr;
 HeaderHandlerNode* g_header_handlers = nullptr;
 upnp_http_cookie_handler_fn g_cookie_handler = nullptr;
 TlsHooks g_tls = {};
 std::atomic<bool> g_tls_started{false};
 
-std::atomic<int32_t> g_connection_timeout{kDefaultConnectionTimeoutSeconds};
 char g_default_url[kUrlSize] = "";
 char g_remote_base_text[kRemoteBaseSize] = "";
 int32_t g_remote_port = 0;
@@ -142,12 +139,6 @@ void UnregisterAll() noexcept {
 TlsHooks& Tls() noexcept { return g_tls; }
 
 bool MarkTlsStarted() noexcept { return !g_tls_started.exchange(true); }
-
-int32_t SetConnectionTimeout(int32_t seconds) noexcept {
-  return g_connection_timeout.exchange(seconds);
-}
-
-int32_t ConnectionTimeout() noexcept { return g_connection_timeout.load(); }
 
 void SetDefaultUrl(const char* url) noexcept {
   CopyCut(g_default_url, sizeof(g_default_url), url != nullptr ? url : "");

@@ -70,8 +70,6 @@ TlsHooks& Tls() noexcept;
 bool MarkTlsStarted() noexcept;
 
 // ---- Settings ----
-int32_t SetConnectionTimeout(int32_t seconds) noexcept;
-int32_t ConnectionTimeout() noexcept;
 void SetDefaultUrl(const char* url) noexcept;
 const char* DefaultUrl() noexcept;
 void SetRemoteAccess(const char* text, int32_t port) noexcept;

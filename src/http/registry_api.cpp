@@ -26,12 +26,6 @@ TW_API int32_t upnp_http_handler_is_registered(upnp_http_handler_fn handler) noe
 
 TW_API void http_unregister_all_handlers(void) noexcept { tw::http::UnregisterAll(); }
 
-TW_API int32_t HTTP_set_connection_timeout(int32_t seconds) noexcept {
-  return tw::http::SetConnectionTimeout(seconds);
-}
-
-TW_API int32_t HTTP_get_connection_timeout(void) noexcept { return tw::http::ConnectionTimeout(); }
-
 TW_API void upnp_http_set_default_url(const char* url) noexcept { tw::http::SetDefaultUrl(url); }
 
 TW_API void HTTP_set_dns_and_remote_port(const char* text, int32_t port) noexcept {

@@ -7,26 +7,16 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "httpclient/head_values.h"
 #include "tarnwick/http.h"
 #include "util/helpers.h"
 
 namespace tw::http {
 
-// ---- head values (request_parser.cpp) ----
-// The status of a response head that has none.
-inline constexpr int32_t kNoResponseStatus = 500;
-// Past blanks and tabs, unless only blanks stand before a CR or the end: then p itself, so an
-// empty value still points at its leading blanks.
-const char* SkipSpaces(const char* p) noexcept;
+// ---- head values (httpclient/head_values.cpp, shared with the client) ----
+using httpclient::SkipSpaces;
 // atoi's reading with values beyond 32 bits clamped (util/helpers.h).
 using util::Atoi;
-// The "content-type:" value as a new accounted block, or null (no header, no CR LF behind it,
-// memory short).
-char* ContentTypeValue(const char* head) noexcept;
-bool IsChunked(const char* head) noexcept;
-bool HasConnectionClose(const char* head) noexcept;
-int32_t ResponseStatus(const char* head) noexcept;
-int64_t ContentLength(const char* head) noexcept;
 void UnescapeUrl(char* text) noexcept;
 
 // ---- ranges (range_parser.cpp) ----

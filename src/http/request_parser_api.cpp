@@ -33,31 +33,6 @@ TW_API void upnp_timeseek_free(upnp_timeseek* record) noexcept {
   upnp_free_impl(record);
 }
 
-TW_API char* HTTP_parse_header_mime_type(const char* head) noexcept {
-  if (head == nullptr) return nullptr;
-  return tw::http::ContentTypeValue(head);
-}
-
-TW_API int32_t HTTP_parse_header_chunked(const char* head) noexcept {
-  if (head == nullptr) return 0;
-  return tw::http::IsChunked(head) ? 1 : 0;
-}
-
-TW_API int32_t upnp_http_has_connection_close(const char* head) noexcept {
-  if (head == nullptr) return 0;
-  return tw::http::HasConnectionClose(head) ? 1 : 0;
-}
-
-TW_API int32_t HTTP_parse_header_response(const char* head) noexcept {
-  if (head == nullptr) return tw::http::kNoResponseStatus;
-  return tw::http::ResponseStatus(head);
-}
-
-TW_API int64_t HTTP_parse_header_size(const char* head) noexcept {
-  if (head == nullptr) return 0;
-  return tw::http::ContentLength(head);
-}
-
 TW_API void HTTP_unescape_url(char* text) noexcept {
   if (text == nullptr) return;
   tw::http::UnescapeUrl(text);

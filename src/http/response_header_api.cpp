@@ -4,7 +4,6 @@
 
 #include "base/status.h"
 #include "http/response_header.h"
-#include "http/user_agent.h"
 #include "tarnwick/http.h"
 
 extern "C" {
@@ -31,11 +30,5 @@ TW_API void HTTP_set_no_cache(HttpRequest* request) noexcept {
   tw::http::AddHeaderLines(*request,
                            "Expires: 0\r\nPragma: no-cache\r\nCache-Control: no-cache\r\n");
 }
-
-TW_API void HTTP_set_default_user_agent(const char* text) noexcept {
-  tw::http::SetDefaultUserAgent(text);
-}
-
-TW_API void HTTP_make_user_agent_settable(void) noexcept { tw::http::MakeUserAgentSettable(); }
 
 }  // extern "C"

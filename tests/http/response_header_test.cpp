@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/response_header.h"
 
-#include "http/user_agent.h"
 #include "support/test_support.h"
 
 namespace {

@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "http/user_agent.h"
+#include "httpclient/settings.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "base/fixed_text.h"
 #include "platform/critical_section.h"
 #include "tarnwick/platform.h"
 
-namespace tw::http {
+namespace tw::httpclient {
 namespace {
+
+constexpr int32_t kDefaultConnectionTimeoutSeconds = 30;
+std::atomic<int32_t> g_connection_timeout{kDefaultConnectionTimeoutSeconds};
 
 struct UserAgentState {
   UserAgentState() noexcept { InitializeCriticalSection(&cs); }
@@ -46,4 +50,10 @@ bool CopyUserAgent(char* out, size_t size) noexcept {
   return state.is_set;
 }
 
-}  // namespace tw::http
+int32_t SetConnectionTimeout(int32_t seconds) noexcept {
+  return g_connection_timeout.exchange(seconds);
+}
+
+int32_t ConnectionTimeout() noexcept { return g_connection_timeout.load(); }
+
+}  // namespace tw::httpclient

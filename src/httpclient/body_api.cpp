@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for the message-body readers.
-#include "http/body_reader.h"
-#include "tarnwick/http.h"
+#include "httpclient/body_reader.h"
+#include "tarnwick/httpclient.h"
 
 extern "C" {
 
 TW_API upnp_string* HTTP_receive_body(int32_t socket, const char* head) noexcept {
   if (head == nullptr) return nullptr;
-  return tw::http::ReceiveBody(socket, head);
+  return tw::httpclient::ReceiveBody(socket, head);
 }
 
 TW_API int32_t HTTP_receive_chunk(int32_t socket, char** data_out) noexcept {
@@ -16,7 +16,7 @@ TW_API int32_t HTTP_receive_chunk(int32_t socket, char** data_out) noexcept {
     *data_out = nullptr;
     return -1;
   }
-  return tw::http::ReceiveChunk(socket, data_out);
+  return tw::httpclient::ReceiveChunk(socket, data_out);
 }
 
 }  // extern "C"

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace tw::http {
+namespace tw::httpclient {
 
 // One upnp_recv, counted (see ReceiveCalls).
 int32_t Receive(int32_t socket, void* buffer, int32_t length, int32_t flags) noexcept;
@@ -20,4 +20,4 @@ uint64_t ReceiveCalls() noexcept;
 // cut to size - 1 bytes ending in a blank line, and the rest of it is discarded.
 int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept;
 
-}  // namespace tw::http
+}  // namespace tw::httpclient

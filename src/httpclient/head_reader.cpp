@@ -4,16 +4,17 @@
 // behaviour but works in blocks: it peeks what is queued, finds where the head ends in it, and
 // then takes exactly the bytes of the head. A head that arrives in one segment costs two
 // receive calls instead of one per byte.
-#include "http/head_reader.h"
+#include "httpclient/head_reader.h"
 
 #include <atomic>
 #include <cstring>
 
-#include "tarnwick/http.h"
+#include "httpclient/head_values.h"
+#include "tarnwick/httpclient.h"
 #include "tarnwick/log.h"
 #include "tarnwick/platform.h"
 
-namespace tw::http {
+namespace tw::httpclient {
 namespace {
 
 constexpr int32_t kMinHeadBuffer = 6;   // the cut marker needs five bytes, plus one of head
@@ -72,7 +73,7 @@ bool DiscardUntil(int32_t socket, Done&& done) noexcept {
 }
 
 bool IsChunkedGet(const char* head) noexcept {
-  return std::strncmp(head, "GET", 3) == 0 && HTTP_parse_header_chunked(head) != 0;
+  return std::strncmp(head, "GET", 3) == 0 && IsChunked(head);
 }
 
 }  // namespace
@@ -143,4 +144,4 @@ int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept {
   return length;
 }
 
-}  // namespace tw::http
+}  // namespace tw::httpclient

@@ -2,16 +2,17 @@
 // Message bodies after a head: chunked transfer coding, Content-Length, or until the peer
 // closes. Shared by the server's request loop and the HTTP client. Nothing is logged here: a
 // short body is handed back as far as it arrived and the caller decides.
-#include "http/body_reader.h"
+#include "httpclient/body_reader.h"
 
 #include <cstring>
 
-#include "http/head_reader.h"
-#include "tarnwick/http.h"
+#include "httpclient/head_reader.h"
+#include "httpclient/head_values.h"
+#include "tarnwick/httpclient.h"
 #include "tarnwick/platform.h"
 #include "tarnwick/util.h"
 
-namespace tw::http {
+namespace tw::httpclient {
 namespace {
 
 constexpr int32_t kSizeLineSize = 20;
@@ -147,11 +148,11 @@ upnp_string* ReceiveUntilClose(int32_t socket) noexcept {
 }  // namespace
 
 upnp_string* ReceiveBody(int32_t socket, const char* head) noexcept {
-  if (HTTP_parse_header_chunked(head) != 0) return ReceiveChunked(socket);
+  if (IsChunked(head)) return ReceiveChunked(socket);
   // A Content-Length of 0 counts as none and falls through to the rules below.
-  const int64_t length = HTTP_parse_header_size(head);
+  const int64_t length = ContentLength(head);
   if (length > 0) return ReceiveLength(socket, length);
-  if (upnp_http_has_connection_close(head) != 0 || upnp_istrstr(head, "HTTP/1.0") != nullptr) {
+  if (HasConnectionClose(head) || upnp_istrstr(head, "HTTP/1.0") != nullptr) {
     return ReceiveUntilClose(socket);
   }
   return nullptr;  // HTTP/1.1 without framing: no body
@@ -178,4 +179,4 @@ int32_t ReceiveChunk(int32_t socket, char** data_out) noexcept {
   return static_cast<int32_t>(got);
 }
 
-}  // namespace tw::http
+}  // namespace tw::httpclient

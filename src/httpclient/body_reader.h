@@ -6,7 +6,7 @@
 
 #include "tarnwick/types.h"
 
-namespace tw::http {
+namespace tw::httpclient {
 
 // The body framed as the head says (chunked, Content-Length, or until the peer closes for
 // HTTP/1.0 and "Connection: close"); null when there is none or nothing arrived.
@@ -15,4 +15,4 @@ upnp_string* ReceiveBody(int32_t socket, const char* head) noexcept;
 // the size line fails, memory is short or nothing of the chunk arrived.
 int32_t ReceiveChunk(int32_t socket, char** data_out) noexcept;
 
-}  // namespace tw::http
+}  // namespace tw::httpclient
