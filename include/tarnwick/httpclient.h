@@ -130,6 +130,29 @@ TW_API upnp_string* HTTP_receive_body(int32_t socket, const char* head) TW_NOEXC
  * unless the result is above 0. */
 TW_API int32_t HTTP_receive_chunk(int32_t socket, char** data_out) TW_NOEXCEPT;
 
+/* ---- File transfers ---------------------------------------------------------------------- */
+/*
+ * A received body is written to a temporary file in the target's directory and renamed to the
+ * target only once it arrived complete: a transfer that fails midway leaves no file under the
+ * target name, and an earlier file there stays as it was. Each returns 0 on success, 1 on
+ * failure (logged); a length output may be null and is 0 unless the call succeeded.
+ */
+/* Saves the body that follows head on socket (framed as HTTP_receive_body frames it; a head
+ * without a body gives an empty file) to path; *length_out gets its byte count. A Content-Length
+ * or chunked body that stops early is a failure. The socket stays open. */
+TW_API int32_t HTTP_receive_file(int32_t socket, const char* head, const char* path,
+                                 int64_t* length_out) TW_NOEXCEPT;
+/* GETs url on a new connection (extra_headers as for HTTP_get_request) and saves the body of a
+ * 2xx answer to path as HTTP_receive_file does; another status is a failure and writes
+ * nothing. */
+TW_API int32_t HTTP_download_file(const char* url, const char* extra_headers, const char* path,
+                                  int64_t* length_out) TW_NOEXCEPT;
+/* POSTs the regular file at path to url on a new connection: HTTP_post_header with content_type,
+ * the file's size and extra_headers, then the file's bytes. 0 when all of it went out and the
+ * answer's status is 2xx; *status_out gets that status (0 when no answer head arrived). */
+TW_API int32_t HTTP_post_file(const char* url, const char* extra_headers, const char* path,
+                              const char* content_type, int32_t* status_out) TW_NOEXCEPT;
+
 TW_EXTERN_C_END
 
 #endif /* TARNWICK_HTTPCLIENT_H */
