@@ -40,7 +40,8 @@ TW_API void HTTP_make_user_agent_settable(void) TW_NOEXCEPT;
 /* Connects to the host of an "http://" (port 80 by default) or "ftp://" (port 21) URL, user
  * information before an '@' skipped, and returns the socket, or -1. HTTP_open_ttl also sets the
  * IP time-to-live when ttl is not 0. With a connection time-out set, the connect is cut off by the
- * socket watchdog (upnp_enforce_socket_timeout) when it takes longer. */
+ * socket watchdog (upnp_enforce_socket_timeout) when it takes longer; the send time-out set
+ * from it bounds the connect as well, also where no server runs and so no watchdog. */
 TW_API int32_t HTTP_open(const char* url) TW_NOEXCEPT;
 TW_API int32_t HTTP_open_ttl(const char* url, int32_t ttl) TW_NOEXCEPT;
 /* Sends "<method> /<path> HTTP/1.1" with Accept, Host (the URL's text up to its path, cut at 256

@@ -56,20 +56,7 @@ TEST_F(HttpClientExchange, InterimAnswersAreSkippedAndTheStatusIsNotExamined) {
       {"HTTP/1.0 100 Continue\r\n\r\n" + kOk + "Content-Length: 2\r\n\r\nok",
        kOk + "Content-Length: 2\r\n\r\nok"},
       {"HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\nnot found", "not found"},
-  };
-  for (const auto& [reply, body] : cases) EXPECT_EQ(Get(reply), body) << reply;
-}
-
-TEST_F(HttpClientExchange, BodyFramings) {
-  // {reply, body}
-  const std::pair<std::string, std::string> cases[] = {
-      {kOk + "Content-Length: 10\r\n\r\n0123456789", "0123456789"},
-      {kChunked + "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n", "hello world"},
-      {"HTTP/1.0 200 OK\r\n\r\n" + std::string(30000, 'z'), std::string(30000, 'z')},
-      {kOk + "Connection: close\r\n\r\nuntil the end", "until the end"},
-      // HTTP/1.1 without length, chunking or close has no body; the client does not wait.
-      {kOk + "Server: x\r\n\r\nignored", "<null>"},
-      {"", "<null>"},  // no answer at all
+      {kOk + "Server: x\r\n\r\nignored", "<null>"},  // HTTP/1.1 without framing: no body
   };
   for (const auto& [reply, body] : cases) EXPECT_EQ(Get(reply), body) << reply;
 }
@@ -109,12 +96,10 @@ TEST_F(HttpClientExchange, HostileChunksOneByOne) {
       {"7FFFFFFFFFFFFFF0\r\n0123456789", "10:0123456789,-1:-,"},
       {"10000000\r\n" + std::string(5, 'q'), "5:qqqqq,-1:-,"},
       {std::string(30, 'F'), "0:-,-1:-,"},  // 19 F's: size -1, an end for a single chunk
-      {"", "-1:-,-1:-,"},
   };
   for (const auto& [wire, reads] : cases) {
     PeerPair pair;
-    ASSERT_TRUE(pair.Open());
-    ASSERT_TRUE(pair.client().Send(wire));
+    ASSERT_TRUE(pair.Open() && pair.client().Send(wire));
     pair.client().ShutdownWrite();
     std::string got;
     for (int i = 0; i < 2; ++i) {
