@@ -50,6 +50,24 @@ TW_API int32_t upnp_global_lock(void) TW_NOEXCEPT;
 TW_API void upnp_global_unlock(void) TW_NOEXCEPT;
 /* ---- end of global lock ------------------------------------------------------------------ */
 
+/* ---- Socket time-out watchdog ----------------------------------------------------------- */
+/*
+ * A deadline for one socket around a blocking call: when it passes first, a background thread
+ * (started by the first deadline, running while the server runs, polling every 250 ms) shuts the
+ * socket down and closes it, which ends the blocked call with an error. Deadlines use the global
+ * lock: without a started server none can be armed. While the server is stopped no deadline
+ * fires; pending ones are forgotten and their sockets left open.
+ */
+/* Arms now + timeout_ms for socket and returns the handle, or null for a timeout_ms of 0 or a
+ * socket of -1 (logged), memory shortage (logged) or a missing global lock. */
+TW_API void* upnp_enforce_socket_timeout(uint32_t timeout_ms, int32_t socket) TW_NOEXCEPT;
+/* Disarms handle (once per handle; null gives 0). 1 when the socket is closed now, by the
+ * watchdog or here because close_socket is non-zero: the caller must not use or close it again.
+ * 0 when it is still open and the caller's. A deadline forgotten while the server was stopped
+ * also gives 1, although its socket was left open. */
+TW_API uint32_t upnp_release_socket_timeout(void* handle, int32_t close_socket) TW_NOEXCEPT;
+/* ---- end of socket time-out watchdog ----------------------------------------------------- */
+
 /* ---- Callback tables ---------------------------------------------------------------------- */
 /* Set once before upnp_server_start; read by the server lifecycle and the HTTP code. */
 /* Port of the remote-access server made beside each local one at the next start; 0: none. */

@@ -54,6 +54,20 @@ void DestroyGlobalLock() noexcept;
 bool EnterGlobalLock() noexcept;
 void LeaveGlobalLock() noexcept;
 bool GlobalLockExists() noexcept;
+// Holds the global lock for a scope when it could be taken (held() says whether it was).
+class GlobalLockGuard {
+ public:
+  GlobalLockGuard() noexcept : held_(EnterGlobalLock()) {}
+  ~GlobalLockGuard() {
+    if (held_) LeaveGlobalLock();
+  }
+  GlobalLockGuard(const GlobalLockGuard&) = delete;
+  GlobalLockGuard& operator=(const GlobalLockGuard&) = delete;
+  bool held() const noexcept { return held_; }
+
+ private:
+  bool held_;
+};
 
 // ---- Callback tables (callbacks.cpp) ----
 struct DtcpCallbacks {
