@@ -73,13 +73,18 @@ __attribute__((noinline)) std::size_t CloseElement(const char* text, std::size_t
   return gt != nullptr ? static_cast<std::size_t>(gt - text) : e + std::strlen(text + e);
 }
 
-// Parses the first element of text at nesting depth `depth` (the root is 1). *end gets the
-// element's end offset. *stopped is set when the parse must end early (a child that could not
-// be parsed, or the nesting cap): every open element then ends at that point. Re-parsing the
-// failed child at each outer level, as a plain recursive reading would, gives the same tree at
-// a cost of depth times the rest of the text.
-upnp_xml_node* ParseElement(const char* text, uint32_t depth, std::size_t* end,
-                            bool* stopped) noexcept {
+// Per-parse state, kept out of the recursive frames: the nesting depth, whether the parse has to
+// end early, and the position results of the helpers below.
+struct Context {
+  uint32_t depth = 1;  // of the element being parsed; the root is 1
+  bool stopped = false;
+  bool done = false;    // Begin: the element is complete, no children follow
+  std::size_t pos = 0;  // Begin: the first child's '<'; Element: the element's end offset
+};
+
+// Start tag and, for elements without children, the rest: empty elements, text-only elements
+// and a text that ends early. Leaves in ctx->pos the first child's '<' when children follow.
+__attribute__((noinline)) upnp_xml_node* Begin(Context* ctx, const char* text) noexcept {
   const int32_t start = FindTagStart(text);
   if (start < 0) return nullptr;
   const std::size_t p = static_cast<std::size_t>(start);
@@ -92,68 +97,84 @@ upnp_xml_node* ParseElement(const char* text, uint32_t depth, std::size_t* end,
     Release(node);
     return nullptr;
   }
+  ctx->done = true;
   std::size_t q = ReadAttributes(text, p + n, node);
   if (text[q] == '\0') {  // the text ends inside the start tag
-    *end = q;
+    ctx->pos = q;
   } else if (text[q] == '/') {  // "<a/>", "<a x='1'/>": empty
-    *end = q + 1;
+    ctx->pos = q + 1;
   } else {
     const std::size_t s = q + 1;
     const char* lt = std::strchr(text + s, '<');
     if (lt == nullptr) {  // truncated: the text after the tag is not kept
-      *end = s;
-      node->end = static_cast<uint32_t>(*end);
-      return node;
-    }
-    q = static_cast<std::size_t>(lt - text);
-    if (text[q + 1] == '/') {
+      ctx->pos = s;
+    } else if (q = static_cast<std::size_t>(lt - text); text[q + 1] == '/') {
       // Text only: trailing control bytes go, leading white space stays. A memory shortage
       // leaves the value null.
       node->value = Dup(text + s, q - s, true);
-      *end = CloseElement(text, q, node);
-      node->end = static_cast<uint32_t>(*end);
+      ctx->pos = CloseElement(text, q, node);
+    } else {
+      ctx->done = false;  // children; the text around them is dropped
+      ctx->pos = q;
       return node;
     }
-    // Children: text around them is dropped. This is the only place that recurses.
-    if (depth >= UPNP_XML_MAX_DEPTH) {
-      *stopped = true;
-      *end = q;
-      node->end = static_cast<uint32_t>(q);
-      return node;
-    }
+  }
+  node->end = static_cast<uint32_t>(ctx->pos);
+  return node;
+}
+
+// A comment, CDATA section (its text is lost) or declaration among children at q: the position
+// of the next tag's '<', or of the NUL.
+__attribute__((noinline)) std::size_t SkipDeclaration(const char* text, std::size_t q) noexcept {
+  const int32_t next = FindTagStart(text + q);
+  return next < 0 ? q + std::strlen(text + q) : q + static_cast<std::size_t>(next) - 1;
+}
+
+// Parses the first element of text; ctx->pos gets its end offset. The only recursive function,
+// and its frame holds just what must survive the call: nested elements from another device cost
+// stack, hence the depth cap. When a child cannot be parsed, or the cap is reached,
+// ctx->stopped ends every open element at that point. (Re-parsing the failed child at each outer
+// level, as a plain recursive reading would, gives the same tree at a cost of depth times the
+// rest of the text.)
+upnp_xml_node* Element(Context* ctx, const char* text) noexcept {
+  upnp_xml_node* node = Begin(ctx, text);
+  if (node == nullptr || ctx->done) return node;
+  std::size_t q = ctx->pos;
+  if (ctx->depth >= UPNP_XML_MAX_DEPTH) {
+    ctx->stopped = true;
+  } else {
+    ++ctx->depth;
     upnp_xml_node** tail = &node->children;
     while (text[q] != '\0' && text[q + 1] != '/') {
-      if (text[q + 1] == '!') {  // comment, CDATA (its text is lost) or declaration
-        const int32_t next = FindTagStart(text + q);
-        q = next < 0 ? q + std::strlen(text + q) : q + static_cast<std::size_t>(next) - 1;
+      if (text[q + 1] == '!') {
+        q = SkipDeclaration(text, q);
         continue;
       }
-      std::size_t child_end = 0;
-      upnp_xml_node* child = ParseElement(text + q, depth + 1, &child_end, stopped);
+      upnp_xml_node* child = Element(ctx, text + q);
       if (child == nullptr) {
-        *stopped = true;
+        ctx->stopped = true;
         break;
       }
       *tail = child;
       tail = &child->next;
-      q += child_end;
-      if (*stopped) break;
+      q += ctx->pos;
+      if (ctx->stopped) break;
       // Quotes count here: an apostrophe in the text between two children hides what follows.
       q += FindOutsideQuotes(text + q, kTagOpen);
     }
-    *end = q;
-    if (text[q] != '\0' && !*stopped) *end = CloseElement(text, q, node);
+    --ctx->depth;
+    if (text[q] != '\0' && !ctx->stopped) q = CloseElement(text, q, node);
   }
-  node->end = static_cast<uint32_t>(*end);
+  ctx->pos = q;
+  node->end = static_cast<uint32_t>(q);
   return node;
 }
 
 }  // namespace
 
 upnp_xml_node* Parse(const char* text) noexcept {
-  std::size_t end = 0;
-  bool stopped = false;
-  return ParseElement(text, 1, &end, &stopped);
+  Context ctx;
+  return Element(&ctx, text);
 }
 
 }  // namespace tw::xml

@@ -110,23 +110,35 @@ upnp_xml_attribute* CopyAttributes(const upnp_xml_attribute* list, bool* ok) noe
   return nullptr;
 }
 
+namespace {
+
+// One node without its children and siblings; null when memory runs out. Out of line, so the
+// recursion in CopyNode keeps small frames.
+__attribute__((noinline)) upnp_xml_node* CopyOne(const upnp_xml_node* node) noexcept {
+  upnp_xml_node* copy = AllocNode();
+  if (copy == nullptr) return nullptr;
+  copy->end = node->end;
+  bool ok = CopyText(node->name, &copy->name) && CopyText(node->value, &copy->value);
+  if (ok) copy->attributes = CopyAttributes(node->attributes, &ok);
+  if (ok) return copy;
+  Release(copy);
+  return nullptr;
+}
+
+}  // namespace
+
 upnp_xml_node* CopyNode(const upnp_xml_node* node, bool with_siblings) noexcept {
   upnp_xml_node* head = nullptr;
   upnp_xml_node** tail = &head;
   for (; node != nullptr; node = with_siblings ? node->next : nullptr) {
-    upnp_xml_node* copy = AllocNode();
+    upnp_xml_node* copy = CopyOne(node);
     if (copy == nullptr) break;
     *tail = copy;
     tail = &copy->next;
-    copy->end = node->end;
-    bool ok = CopyText(node->name, &copy->name) && CopyText(node->value, &copy->value);
-    if (ok) copy->attributes = CopyAttributes(node->attributes, &ok);
-    if (ok && node->children != nullptr) {
+    if (node->children != nullptr) {
       copy->children = CopyNode(node->children, true);
-      ok = copy->children != nullptr;
+      if (copy->children == nullptr) break;
     }
-    if (!ok) break;
-    if (!with_siblings) return head;
   }
   if (node == nullptr) return head;
   Release(head);  // stopped early: memory ran out

@@ -91,11 +91,14 @@ class Writer {
   void Indent(uint32_t indent) noexcept {
     for (uint32_t level = indent / kIndentStep; level > 0; --level) Put("    ");
   }
+  __attribute__((noinline)) void StartTag(const upnp_xml_node* node, uint32_t indent) noexcept;
+  __attribute__((noinline)) void EndTag(const upnp_xml_node* node, uint32_t indent) noexcept;
+  __attribute__((noinline)) void Newline() noexcept { Put("\n"); }
   void Value(const char* value, const char* name) noexcept;
   bool Escaped(const char* value) noexcept;
   void Comply(const char* v, std::size_t length, const Limit& limit) noexcept;
   void ProtocolInfo(const char* v, std::size_t length) noexcept;
-  bool Skipped(const upnp_xml_node* node) const noexcept;
+  __attribute__((noinline)) bool Skipped(const upnp_xml_node* node) const noexcept;
 
   upnp_string* s_;
   bool pretty_;
@@ -220,40 +223,48 @@ bool Writer::Skipped(const upnp_xml_node* node) const noexcept {
   return std::strcmp(a, b) != 0;
 }
 
+void Writer::StartTag(const upnp_xml_node* node, uint32_t indent) noexcept {
+  if (pretty_ && indent > 0) Indent(indent);
+  Put("<");
+  PutText(node->name);
+  for (const upnp_xml_attribute* a = node->attributes; a != nullptr; a = a->next) {
+    // A zero-filled record ends the list.
+    if (a->name == nullptr && a->value == nullptr && a->next == nullptr) break;
+    Put(" ");
+    PutText(a->name);
+    Put("=\"");
+    if (a->value != nullptr && a->value[0] != '\0') Value(a->value, a->name);
+    Put("\"");
+  }
+  Put(">");
+  if (node->value != nullptr && node->value[0] != '\0') Value(node->value, node->name);
+  if (node->children != nullptr && pretty_) Put("\n");
+}
+
+void Writer::EndTag(const upnp_xml_node* node, uint32_t indent) noexcept {
+  if (node->children != nullptr && pretty_) {
+    Put("\n");
+    Indent(indent);
+  }
+  Put("</");
+  PutText(node->name);
+  Put(">");
+}
+
+// The only recursive function: everything else is out of line so that each nesting level costs
+// little stack.
 void Writer::Nodes(const upnp_xml_node* node, bool single, uint32_t indent) noexcept {
   for (; node != nullptr; node = node->next) {
     if (flavour_ == Flavour::kCompliant && Skipped(node)) {
       if (single) return;
       continue;
     }
-    if (pretty_ && indent > 0) Indent(indent);
-    Put("<");
-    PutText(node->name);
-    for (const upnp_xml_attribute* a = node->attributes; a != nullptr; a = a->next) {
-      // A zero-filled record ends the list.
-      if (a->name == nullptr && a->value == nullptr && a->next == nullptr) break;
-      Put(" ");
-      PutText(a->name);
-      Put("=\"");
-      if (a->value != nullptr && a->value[0] != '\0') Value(a->value, a->name);
-      Put("\"");
-    }
-    Put(">");
-    if (node->value != nullptr && node->value[0] != '\0') Value(node->value, node->name);
-    if (node->children != nullptr) {
-      if (pretty_) Put("\n");
-      Nodes(node->children, false, indent + kIndentStep);
-      if (pretty_) {
-        Put("\n");
-        Indent(indent);
-      }
-    }
-    Put("</");
-    PutText(node->name);
-    Put(">");
+    StartTag(node, indent);
+    if (node->children != nullptr) Nodes(node->children, false, indent + kIndentStep);
+    EndTag(node, indent);
     if (single) return;
     // Written before a sibling that the compliant writer then skips, too.
-    if (node->next != nullptr && pretty_) Put("\n");
+    if (node->next != nullptr && pretty_) Newline();
   }
 }
 
