@@ -55,6 +55,12 @@ const Entity& EntityFor(unsigned char c, Apostrophe apostrophe) noexcept {
 
 }  // namespace
 
+std::size_t PlainPrefix(const char* text) noexcept {
+  const auto* p = reinterpret_cast<const unsigned char*>(text);
+  while (*p != 0 && kEntities[*p].length == 0) ++p;
+  return static_cast<std::size_t>(p - reinterpret_cast<const unsigned char*>(text));
+}
+
 std::size_t EscapedLength(const char* text, bool twice, Apostrophe apostrophe) noexcept {
   std::size_t n = 0;
   for (const auto* p = reinterpret_cast<const unsigned char*>(text); *p != 0; ++p) {
@@ -99,6 +105,13 @@ char* Escape(const char* text, bool twice) noexcept {
 upnp_string* AppendEscaped(upnp_string* s, const char* text, bool twice,
                            Apostrophe apostrophe) noexcept {
   if (s->buffer == nullptr) return s;  // a string that lost its text stays as it is
+  // Most texts need no escaping at all: append them in one piece.
+  const std::size_t plain = PlainPrefix(text);
+  if (text[plain] == '\0') {
+    return plain == 0 || plain > UINT32_MAX
+               ? s
+               : tw::util::StringAdd(s, text, static_cast<uint32_t>(plain));
+  }
   const std::size_t n = EscapedLength(text, twice, apostrophe);
   if (n == 0) return s;
   if (uint64_t{s->length} + n + 1 <= s->capacity) {

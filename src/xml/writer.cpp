@@ -95,7 +95,7 @@ class Writer {
   __attribute__((noinline)) void EndTag(const upnp_xml_node* node, uint32_t indent) noexcept;
   __attribute__((noinline)) void Newline() noexcept { Put("\n"); }
   void Value(const char* value, const char* name) noexcept;
-  bool Escaped(const char* value) noexcept;
+  const char* Escaped(const char* value, std::size_t* length) noexcept;
   void Comply(const char* v, std::size_t length, const Limit& limit) noexcept;
   void ProtocolInfo(const char* v, std::size_t length) noexcept;
   __attribute__((noinline)) bool Skipped(const upnp_xml_node* node) const noexcept;
@@ -106,12 +106,16 @@ class Writer {
   // Escaped value under test by the compliance rules, reused for every value.
   char* scratch_ = nullptr;
   std::size_t scratch_size_ = 0;
-  std::size_t scratch_length_ = 0;
 };
 
-// Escapes value into the scratch buffer; false when memory ran out (the value is then dropped,
-// as an escaping that fails gives no text).
-bool Writer::Escaped(const char* value) noexcept {
+// The escaped form of value, in the scratch buffer unless value needs no escaping; null when
+// memory ran out (the value is then dropped, as an escaping that fails gives no text).
+const char* Writer::Escaped(const char* value, std::size_t* length) noexcept {
+  const std::size_t plain = PlainPrefix(value);
+  if (value[plain] == '\0') {
+    *length = plain;
+    return value;
+  }
   const std::size_t n = EscapedLength(value, false, Apostrophe::kNumeric);
   if (n + 1 > scratch_size_) {
     if (scratch_ != nullptr) upnp_free_impl(scratch_);
@@ -119,15 +123,16 @@ bool Writer::Escaped(const char* value) noexcept {
     scratch_ = static_cast<char*>(upnp_malloc_impl(scratch_size_));
     if (scratch_ == nullptr) {
       scratch_size_ = 0;
-      return false;
+      return nullptr;
     }
   }
   *EscapeTo(value, false, Apostrophe::kNumeric, scratch_) = '\0';
-  scratch_length_ = n;
-  return true;
+  *length = n;
+  return scratch_;
 }
 
 void Writer::Value(const char* value, const char* name) noexcept {
+  std::size_t length = 0;
   switch (flavour_) {
     case Flavour::kPlain:
       PutText(value);
@@ -137,7 +142,9 @@ void Writer::Value(const char* value, const char* name) noexcept {
       return;
     case Flavour::kCompliant:
       // The rules see the escaped text: lengths count entities, and a cut may split one.
-      if (Escaped(value)) Comply(scratch_, scratch_length_, LimitFor(name));
+      if (const char* escaped = Escaped(value, &length); escaped != nullptr) {
+        Comply(escaped, length, LimitFor(name));
+      }
       return;
   }
 }

@@ -70,6 +70,8 @@ void FindAll(const upnp_xml_node* node, const char* name, upnp_xml_node*** array
 
 // ---- escaping (escape.cpp) ----
 enum class Apostrophe { kNumeric, kNamed };
+// Number of leading bytes of text that escaping copies unchanged (up to the NUL at most).
+std::size_t PlainPrefix(const char* text) noexcept;
 // Escaped size of text, without a terminator.
 std::size_t EscapedLength(const char* text, bool twice, Apostrophe apostrophe) noexcept;
 // Writes the escaped text into out, which must hold EscapedLength bytes; returns the end.
