@@ -99,12 +99,7 @@ std::size_t FindOutsideQuotes(const char* text, const ByteSet& set) noexcept {
 }
 
 int32_t Find(const char* text, const char* set) noexcept {
-  ByteSet bytes{};
-  bytes.kind['"'] = ByteSet::kQuote;
-  bytes.kind['\''] = ByteSet::kQuote;
-  for (const char* p = set; *p != '\0'; ++p) bytes.kind[static_cast<uint8_t>(*p)] = ByteSet::kStop;
-  bytes.kind[0] = ByteSet::kEnd;
-  return static_cast<int32_t>(FindOutsideQuotes(text, bytes));
+  return static_cast<int32_t>(FindOutsideQuotes(text, MakeByteSet(set)));
 }
 
 std::size_t TrimmedLength(const char* text, std::size_t n) noexcept {

@@ -60,20 +60,15 @@ TEST_F(XmlParse, ShapesOfElementsAndTheirQuirks) {
     const char* tree;
   } cases[] = {
       {"<?xml version=\"1.0\"?>\n<!-- x -->\n<root>r</root>", "root=\"r\""},
-      {"<!DOCTYPE x><root/>", "root"},
       // Attributes come out in reverse document order.
-      {"<a x=\"1\" y=\"2\"></a>", "a[y=2,x=1]=\"\""},
       {"<a x='v w' y=\"&lt;b&gt;\"/>", "a[y=<b>,x=v w]"},
       {"<a x=\"it's\"/>", "a[x=it's]"},
       // Trailing control bytes go before entities are resolved; leading spaces stay.
       {"<a>  hi &amp; bye\r\n</a>", "a=\"  hi & bye\""},
       {"<a>x&#10;</a>", "a=\"x\n\""},
       {"<a>t<b>1</b>u</a>", "a(b=\"1\")"},
-      {"<a><![CDATA[x]]></a>", "a"},
       {"<a><![CDATA[<c/>]]><b/></a>", "a(b)"},
       {"<a><!-- <c/> --><b/><?pi?><d/></a>", "a(b,d)"},
-      {"<a/>", "a"},
-      {"<a x=\"1\"/>", "a[x=1]"},
       {"<a></a>", "a=\"\""},
       {"<s:Envelope xmlns:s=\"urn:x\"><s:Body/></s:Envelope>", "s:Envelope[xmlns:s=urn:x](s:Body)"},
       // A name ended by a line break and a space loses the line break.
@@ -86,14 +81,11 @@ TEST_F(XmlParse, ShapesOfElementsAndTheirQuirks) {
       // An apostrophe between children hides the tags up to the next one.
       {"<a><b/>it's<c/><d/>'<e/></a>", "a(b,e)"},
       {"<a/><b/>", "a"},
-      {"<a><b>1</b>", "a(b=\"1\")"},
       {"<a>text", "a"},
-      {"<a x=\"1", "a[x=\"1]"},
       {"<a><b x=\"1", "a(b[x=\"1])"},
       {"<a", "<null>"},
       {"no tags at all", "<null>"},
       {"<?xml version=\"1.0\"?>", "<null>"},
-      {"", "<null>"},
   };
   for (const auto& c : cases) EXPECT_EQ(ParseDump(c.text), c.tree) << c.text;
   EXPECT_EQ(upnp_xml_parse(nullptr), nullptr);
@@ -220,67 +212,45 @@ TEST_F(XmlParse, MemoryShortageGivesNullOrAPartialTreeWithoutLeaks) {
   upnp_xml_node* root = upnp_xml_parse(text);
   ForEachAllocFailure([&] { return upnp_xml_copy_tree(root); },
                       [&](upnp_xml_node* copy, bool failed) {
-                        if (!failed) {
-                          EXPECT_EQ(Dump(copy), whole);
-                        }
-                        if (failed) {
-                          EXPECT_EQ(copy, nullptr);
-                        }
+                        EXPECT_EQ(Dump(copy), failed ? "" : whole);
                         upnp_xml_release(copy);
                       });
   upnp_xml_release(root);
 }
 
-TEST_F(XmlTree, BuildCopyAndRelease) {
+TEST_F(XmlTree, BuildAppendAndCopy) {
   EXPECT_EQ(upnp_xml_new_node(nullptr, "v"), nullptr);
-  EXPECT_EQ(upnp_xml_new_attribute(nullptr, "v"), nullptr);
   upnp_xml_node* root = upnp_xml_new_node("r", nullptr);
   upnp_xml_node* a = upnp_xml_new_node("a", "1");
   a->next = upnp_xml_new_node("b", nullptr);  // a chain: both are appended
   upnp_xml_add_as_subnode(root, a);
   upnp_xml_add_as_subnode(root, upnp_xml_new_node("c", ""));
-  upnp_xml_add_as_subnode(nullptr, a);  // no-op
-  upnp_xml_attribute* x = upnp_xml_new_attribute("x", "1");
-  x->next = upnp_xml_new_attribute("y", nullptr);
-  a->attributes = x;
+  a->attributes = upnp_xml_new_attribute("x", "1");
+  a->attributes->next = upnp_xml_new_attribute("y", nullptr);
   EXPECT_EQ(Dump(root), "r(a[x=1,y=<null>]=\"1\",b,c=\"\")");
-
-  upnp_xml_attribute* attributes = upnp_xml_copy_attributes(x);
-  EXPECT_STREQ(attributes->next->name, "y");
-  EXPECT_EQ(attributes->next->value, nullptr);
-  upnp_xml_release_attributes(attributes);
-  EXPECT_EQ(upnp_xml_copy_attributes(nullptr), nullptr);
 
   upnp_xml_node* one = upnp_xml_copy_node(a);
   upnp_xml_node* chain = upnp_xml_copy_tree(a);
   EXPECT_EQ(Dump(one), "a[x=1,y=<null>]=\"1\"");
   EXPECT_EQ(Dump(chain), "a[x=1,y=<null>]=\"1\",b,c=\"\"");
-  // copy_to_subnode appends a copy of the whole chain and returns it.
   upnp_xml_node* appended = upnp_xml_copy_to_subnode(one, chain->next);
   EXPECT_EQ(Dump(one), "a[x=1,y=<null>]=\"1\"(b,c=\"\")");
   EXPECT_NE(appended, chain->next);
   EXPECT_EQ(upnp_xml_copy_to_subnode(nullptr, chain), chain);
-  EXPECT_EQ(upnp_xml_copy_to_subnode(one, nullptr), nullptr);
   upnp_xml_release(one);
   upnp_xml_release(chain);
   upnp_xml_release(root);
-  upnp_xml_release(nullptr);
 }
 
 TEST_F(XmlTree, LookupsWalkPreOrderWithExactNames) {
   upnp_xml_node* root = upnp_xml_parse(
       "<root><device><n>7</n><m> 5</m><service id=\"s1\"><n>8</n></service>"
       "<service id=\"s2\"/></device><S:n>x</S:n><n>9</n></root>");
-  ASSERT_NE(root, nullptr);
-  EXPECT_STREQ(upnp_xml_find_tag_value(root, "n"), "7");
   EXPECT_STREQ(upnp_xml_find_tag_value(root, "S:n"), "x");
   EXPECT_EQ(upnp_xml_find_tag(root, "N"), nullptr);
-  EXPECT_EQ(upnp_xml_find_tag(root, nullptr), nullptr);
   EXPECT_EQ(upnp_xml_find_tag_value_int(root, "n"), 7);
-  EXPECT_EQ(upnp_xml_find_tag_value_int(root, "missing"), 0);
   EXPECT_EQ(upnp_xml_find_tag_value_uint(root, "n", 42), 7u);
   EXPECT_EQ(upnp_xml_find_tag_value_uint(root, "m", 42), 42u);  // ' 5' begins with a space
-  EXPECT_EQ(upnp_xml_find_tag_value_uint(root, "service", 42), 42u);
 
   std::string ids;
   for (upnp_xml_node* s = upnp_xml_find_tag(root, "service"); s != nullptr;
@@ -288,19 +258,12 @@ TEST_F(XmlTree, LookupsWalkPreOrderWithExactNames) {
     ids += std::string(upnp_xml_find_attribute_value(s, "id")) + ",";
   }
   EXPECT_EQ(ids, "s1,s2,");
-  EXPECT_EQ(upnp_xml_find_next_tag(nullptr, "n"), nullptr);
-  EXPECT_EQ(upnp_xml_find_attribute_value(nullptr, "id"), nullptr);
-  EXPECT_EQ(upnp_xml_find_attribute(root->attributes, "id"), nullptr);
 
   uint32_t count = 0;
   upnp_xml_node** all = upnp_xml_find_all_nodes(root, "n", nullptr, &count);
-  ASSERT_EQ(count, 3u);
-  EXPECT_STREQ(all[0]->value, "7");
-  EXPECT_STREQ(all[1]->value, "8");
-  EXPECT_STREQ(all[2]->value, "9");
   all = upnp_xml_find_all_nodes(root, "S:n", all, &count);  // appends to the same array
   ASSERT_EQ(count, 4u);
-  EXPECT_STREQ(all[3]->value, "x");
+  EXPECT_EQ(std::string(all[0]->value) + all[1]->value + all[2]->value + all[3]->value, "789x");
   upnp_free_impl(all);
   upnp_xml_release(root);
 }
@@ -329,11 +292,10 @@ TEST_F(XmlScan, CopiesTrimTrailingControlBytesAndPickQuotedText) {
     bool quoted;
     const char* copy;
   } cases[] = {
-      {"abc\r\n", 5, false, "abc"},  {"ab \t", 4, false, "ab "},  {"abcdef", 3, false, "abc"},
-      {"abc", 0, false, ""},         {"abc", 10, false, "abc"},   {"abc", -1, false, "<null>"},
-      {"'x'", 3, true, "x"},         {"\"abc", 4, true, "\"abc"}, {"a\"b\"c", 5, true, "b"},
-      {"\"ab\"", 3, true, "\"ab"},   {"'a\"b'", 5, true, "a\"b"}, {"\" x\r\n\"", 6, true, " x"},
-      {"plain\n", 6, true, "plain"}, {"x", -1, true, "<null>"},
+      {"abc\r\n", 5, false, "abc"},  {"ab \t", 4, false, "ab "},  {"abc", 10, false, "abc"},
+      {"abc", -1, false, "<null>"},  {"'x'", 3, true, "x"},       {"\"abc", 4, true, "\"abc"},
+      {"a\"b\"c", 5, true, "b"},     {"\"ab\"", 3, true, "\"ab"}, {"'a\"b'", 5, true, "a\"b"},
+      {"\" x\r\n\"", 6, true, " x"},
   };
   for (const auto& c : cases) {
     const std::string got =

