@@ -21,5 +21,6 @@
 #include "tarnwick/ssdp.h"
 #include "tarnwick/types.h"
 #include "tarnwick/util.h"
+#include "tarnwick/xml.h"
 
 #endif /* TARNWICK_UPNP_H */
