@@ -226,7 +226,11 @@ int64_t ParseDuration(const char* text) noexcept {
       }
     }
   }
-  return hours * 3600000 + minutes * 60000 + seconds * 1000 + fraction;
+  // Saturated digit runs can still overflow the products: absurd inputs wrap instead.
+  const uint64_t total = static_cast<uint64_t>(hours) * 3600000u +
+                         static_cast<uint64_t>(minutes) * 60000u +
+                         static_cast<uint64_t>(seconds) * 1000u + static_cast<uint64_t>(fraction);
+  return static_cast<int64_t>(total);
 }
 
 char* FormatLogTimestamp(int64_t seconds, int32_t milliseconds, char* out, size_t size) noexcept {
