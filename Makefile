@@ -63,6 +63,7 @@ fuzz:
 	sh scripts/run-fuzz.sh build-fuzz $(FUZZ_SECONDS)
 
 bench:
+	@sh scripts/install-deps.sh --bench
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTW_BUILD_BENCH=ON -DBUILD_TESTING=OFF
 	cmake --build build-bench -j$(JOBS)
 	sh scripts/run-bench.sh build-bench

@@ -5,8 +5,13 @@ set -eu
 # gupnp-tools brings gssdp-discover for the SSDP check (scripts/gssdp-check.sh); gir1.2-gssdp-1.6
 # and python3-gi keep its stand-in, scripts/gssdp_discover.py, runnable (TW_GSSDP_DISCOVER=python).
 need="cmake g++ make pkgconf binutils python3 googletest libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux gupnp-tools gir1.2-gssdp-1.6 python3-gi"
-# Real HTTP servers the client is tested against (tests/httpclient/real_servers_test.cpp).
-need="$need nginx-light nodejs"
+# Real servers the client is tested against (tests/httpclient/real_servers_test.cpp and
+# tests/interop/minidlna_test.cpp); the tests start them themselves inside the private namespace.
+need="$need nginx nodejs minidlna"
+# The libraries the XML benchmark compares against (make bench).
+if [ "${1:-}" = "--bench" ]; then
+  need="$need libxml2-dev libexpat1-dev libpugixml-dev"
+fi
 if [ "${1:-}" = "--check" ]; then
   need="$need clang-14 clang-format-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user android-liblog-dev"
 fi
@@ -20,6 +25,13 @@ if [ "$(id -u)" != 0 ]; then
   exit 1
 fi
 echo "installing:$missing"
+# Servers must never start on the real network while they are installed: without a policy of the
+# machine's own, one that refuses every service start is in place for the installation.
+if [ ! -e /usr/sbin/policy-rc.d ]; then
+  printf '#!/bin/sh\nexit 101\n' > /usr/sbin/policy-rc.d
+  chmod 755 /usr/sbin/policy-rc.d
+  trap 'rm -f /usr/sbin/policy-rc.d' EXIT
+fi
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq || true
 apt-get install -y -qq --no-install-recommends $missing

@@ -21,6 +21,29 @@ for name in sorted(runs):
         r = runs[name]
         print(f"  {name:24s} {r['bytes_per_second']/1e6:9.1f} MB/s")
 PY
+if [ -x "$dir/bench/tw_xml_bench" ]; then
+  out="$dir/xml_bench.json"
+  "$dir/bench/tw_xml_bench" --benchmark_format=json --benchmark_out="$out" \
+    --benchmark_out_format=json --benchmark_min_time=0.5 --benchmark_repetitions=3 \
+    --benchmark_report_aggregates_only=true > /dev/null
+  python3 - "$out" <<'PY'
+import json, sys
+runs = {b["name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"]
+        if b.get("aggregate_name") == "median"}
+def t(name): return runs[name + "_median"]["real_time"]
+print("xml benchmarks, medians of 3 (ratio = reference time / library time; above 1 is faster)")
+for arg, doc in ((0, "5 MB DIDL-Lite"), (1, "3 KB description")):
+    ours = t(f"BM_ParseTarnwick/{arg}")
+    mb = runs[f"BM_ParseTarnwick/{arg}_median"]["bytes_per_second"] / 1e6
+    print(f"  parse {doc}: {ours/1e3:10.1f} us ({mb:6.1f} MB/s)", end="")
+    for ref in ("Libxml2", "Pugixml", "Expat"):
+        print(f"  {ref.lower()} {t(f'BM_Parse{ref}/{arg}')/ours:5.2f}", end="")
+    print(f"  tree bytes per document byte {runs[f'BM_ParseTarnwick/{arg}_median']['tree_bytes_per_doc_byte']:.2f}")
+a, b = t("BM_WriteCompliantTarnwick"), t("BM_WritePugixml")
+print(f"  compliant writer: {a/1e3:10.1f} us  pugixml writer {b/1e3:10.1f} us  ratio {b/a:5.2f}"
+      f"  (plain writer {t('BM_WritePlainTarnwick')/1e3:.1f} us)")
+PY
+fi
 if [ -f scripts/bench-http.sh ]; then
   sh scripts/bench-http.sh "$dir"
 fi
