@@ -8,6 +8,12 @@ namespace {
 
 using namespace tw::test;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kSlackMs = 200;  // instrumented builds start threads more slowly
+#else
+constexpr int kSlackMs = 0;
+#endif
+
 std::vector<int32_t> Pending() {
   int32_t sockets[16];
   const int32_t n = tw::core::PendingSocketTimeouts(sockets, 16);
@@ -76,6 +82,31 @@ TEST_F(SocketWatchdog, RefusalsAndReleaseResults) {
   EXPECT_EQ(upnp_release_socket_timeout(upnp_enforce_socket_timeout(5000, fd_[0]), 1), 1u);
   EXPECT_FALSE(Passes(fd_));
   fd_[0] = -1;
+}
+
+// A connect the peer never answers (its accept queue is full, so the SYN is dropped) is cut off
+// within the deadline and one poll; the send time-out only bounds the test should that fail.
+TEST_F(SocketWatchdog, CutsOffAConnectThatIsNeverAnswered) {
+  TW_REQUIRE_LOOPBACK_NAMESPACE();
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = LoopbackAddress(0);
+  socklen_t length = sizeof(address);
+  ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+              listen(listener, 0) == 0 &&
+              getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) == 0);
+  HttpPeer queued;  // fills the queue
+  ASSERT_TRUE(queued.Connect(ntohs(address.sin_port)));
+  const int32_t s = upnp_socket_create_tcp();
+  const timeval limit{3, 0};
+  setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  const auto start = std::chrono::steady_clock::now();
+  void* handle = upnp_enforce_socket_timeout(100, s);
+  EXPECT_NE(upnp_socket_connect(s, "127.0.0.1", ntohs(address.sin_port)), 0);
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(upnp_release_socket_timeout(handle, 0), 1u) << "not closed by the watchdog";
+  EXPECT_GE(took.count(), 95);
+  EXPECT_LE(took.count(), 100 + 300 + kSlackMs);
+  close(listener);
 }
 
 // With the server stopped the thread forgets pending deadlines unfired: the socket stays open,

@@ -8,26 +8,19 @@ namespace tw::test {
 inline const std::string kAgent = "User-Agent: ktConnect DLNADOC/1.50\r\n";
 inline const std::string kOk = "HTTP/1.1 200 OK\r\n";
 
-// A socket listening on a free loopback port, and that port; -1 when none could be had.
-inline int ListenOnLoopback(int backlog, int* port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = LoopbackAddress(0);
-  socklen_t length = sizeof(address);
-  const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                  listen(fd, backlog) == 0 &&
-                  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  *port = ntohs(address.sin_port);
-  if (!ok) close(fd);
-  return ok ? fd : -1;
-}
-
 // A loopback server playing one scripted reply to the HTTP client: it accepts one connection,
 // writes the reply at once, shuts its write side and keeps what the client sends until it closes.
 // Every wait ends at a deadline, so a client that hangs fails the test instead of hanging it.
 class ScriptedServer {
  public:
-  explicit ScriptedServer(const std::string& reply) : listener_(ListenOnLoopback(1, &port_)) {
-    EXPECT_GE(listener_, 0) << "cannot listen on loopback";
+  explicit ScriptedServer(const std::string& reply)
+      : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address = LoopbackAddress(0);
+    socklen_t length = sizeof(address);
+    EXPECT_TRUE(bind(listener_, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                listen(listener_, 1) == 0 &&
+                getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0);
+    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this, reply] { Serve(reply); });
   }
   ~ScriptedServer() {
@@ -65,8 +58,8 @@ class ScriptedServer {
     }
   }
 
-  int port_ = 0;
   int listener_;
+  int port_ = 0;
   std::string request_;
   std::thread thread_;
 };
