@@ -20,7 +20,6 @@ namespace {
 SocketTimeout* g_pending = nullptr;
 // Set when the watchdog thread was started; see WatchdogMain for when it is cleared.
 std::atomic<int32_t> g_watchdog_running{0};
-std::atomic<int32_t> g_live_threads{0};
 
 SocketTimeout* Head() noexcept { return __atomic_load_n(&g_pending, __ATOMIC_ACQUIRE); }
 void SetHead(SocketTimeout* head) noexcept { __atomic_store_n(&g_pending, head, __ATOMIC_RELEASE); }
@@ -143,7 +142,6 @@ void* WatchdogMain(void*) {
     DropList();
     break;
   }
-  g_live_threads.fetch_sub(1);
   return nullptr;
 }
 
@@ -166,7 +164,6 @@ SocketTimeout* EnforceSocketTimeoutAt(uint64_t deadline, int32_t socket) noexcep
   Insert(record);
   if (g_watchdog_running.load() == 0) {
     g_watchdog_running.store(1);
-    g_live_threads.fetch_add(1);
     upnp_start_thread(WatchdogMain, nullptr, kWatchdogThreadLevel);
   }
   return record;
@@ -207,16 +204,6 @@ int32_t PendingSocketTimeouts(int32_t* out, int32_t max) noexcept {
     ++count;
   }
   return count;
-}
-
-int32_t LiveWatchdogThreads() noexcept { return g_live_threads.load(); }
-
-bool WatchdogFlagSet() noexcept { return g_watchdog_running.load() != 0; }
-
-bool ForgetEndedWatchdogForTesting() noexcept {
-  if (g_live_threads.load() != 0) return false;
-  g_watchdog_running.store(0);
-  return true;
 }
 
 }  // namespace tw::core

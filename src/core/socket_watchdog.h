@@ -27,17 +27,8 @@ SocketTimeout* EnforceSocketTimeoutAt(uint64_t deadline, int32_t socket) noexcep
 // when it is still open and the caller's. handle may be null (false).
 bool ReleaseSocketTimeout(SocketTimeout* handle, bool close_socket) noexcept;
 
-// ---- Views for tests ----
-// Copies the sockets of the pending list in list order into out (up to max); their count.
-// -1 when the global lock cannot be taken.
+// For tests: copies the sockets of the pending list in list order into out (up to max); their
+// count. -1 when the global lock cannot be taken.
 int32_t PendingSocketTimeouts(int32_t* out, int32_t max) noexcept;
-// Watchdog threads that have started and not yet ended.
-int32_t LiveWatchdogThreads() noexcept;
-// Whether the process-wide "watchdog started" flag is set.
-bool WatchdogFlagSet() noexcept;
-// Clears that flag once no watchdog thread is alive, so a test process can start a new one
-// after an earlier test ended it the way the library deliberately never recovers from. False
-// when a thread is still alive.
-bool ForgetEndedWatchdogForTesting() noexcept;
 
 }  // namespace tw::core

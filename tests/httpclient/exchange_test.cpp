@@ -1,205 +1,196 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core/core.h"
 #include "httpclient/scripted_server.h"
 
 namespace {
 
 using namespace tw::test;
-using Clock = std::chrono::steady_clock;
+using Call = std::function<std::string(const std::string& base)>;
+using Send = std::function<int32_t(int32_t)>;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kSlackMs = 200;
-#else
-constexpr int kSlackMs = 0;
-#endif
-
-const std::string kAgent = "User-Agent: ktConnect DLNADOC/1.50\r\n";
-const std::string kOk = "HTTP/1.1 200 OK\r\n";
 const std::string kChunked = kOk + "Transfer-Encoding: chunked\r\n\r\n";
 
-class HttpClientExchange : public LeakCheck {
- protected:
-  void SetUp() override {
-    LeakCheck::SetUp();
-    TW_REQUIRE_LOOPBACK_NAMESPACE();
-    HTTP_make_user_agent_settable();
-  }
-  void TearDown() override {
-    HTTP_make_user_agent_settable();
-    LeakCheck::TearDown();
-  }
-  // The body HTTP_get brings back for one scripted reply.
-  std::string Get(const std::string& reply, std::string* request = nullptr) {
-    ScriptedServer server({reply});
-    std::string body = Take(HTTP_get(server.Url("/d.xml").c_str()));
-    if (request != nullptr) *request = server.Requests().at(0);
-    return body;
-  }
-};
-
-TEST_F(HttpClientExchange, GetWithUserInformationAndPort) {
-  ScriptedServer server({kOk + "Content-Length: 5\r\n\r\nhello"});
-  const std::string authority = "me:pw@127.0.0.1:" + std::to_string(server.port());
-  EXPECT_EQ(Take(HTTP_get(("http://" + authority + "/dev/desc.xml").c_str())), "hello");
-  EXPECT_EQ(server.Requests().at(0), "GET /dev/desc.xml HTTP/1.1\r\nAccept: */*\r\nHost: " +
-                                         authority + "\r\n" + kAgent + "\r\n");
+// "<result>|<bytes sent>" for a request written to one end of a loopback pair.
+std::string Sent(const Send& send) {
+  PeerPair pair;
+  EXPECT_TRUE(pair.Open());
+  const int32_t result = send(pair.server_fd());
+  pair.CloseServer();
+  return std::to_string(result) + "|" + pair.client().ReadAll();
 }
 
-TEST_F(HttpClientExchange, InterimAnswersAreSkippedAndTheStatusIsNotExamined) {
+TEST_F(ClientTest, RequestHeadsByteForByte) {
+  const std::string post = "0|POST /up/load HTTP/1.1\r\nAccept: */*\r\nHost: h:9\r\nConnection: ";
+  const std::string huge = "X: " + std::string(9000, 'x') + "\r\n";
+  // {request, result|bytes}
+  const std::pair<Send, std::string> cases[] = {
+      {[](int32_t s) {
+         return HTTP_get_request(s, "http://u:p@10.0.0.2:8080/d/root.xml", nullptr);
+       },
+       "0|GET /d/root.xml HTTP/1.1\r\nAccept: */*\r\nHost: u:p@10.0.0.2:8080\r\n" + kAgent +
+           "\r\n"},
+      {[](int32_t s) { return HTTP_head_request(s, "http://h/x", "Range: bytes=0-\r\n"); },
+       "0|HEAD /x HTTP/1.1\r\nAccept: */*\r\nHost: h\r\n" + kAgent + "Range: bytes=0-\r\n\r\n"},
+      {[](int32_t s) { return HTTP_get_request_1_0(s, "http://h:1/a/b?c=d", ""); },
+       "0|GET /a/b?c=d HTTP/1.0\r\nAccept: */*\r\nHost: h:1\r\n" + kAgent + "\r\n"},
+      // A User-Agent among the extra lines, in any case, replaces the default one.
+      {[](int32_t s) { return HTTP_get_request(s, "http://hh", "user-agent: Mine/2\r\n"); },
+       "0|GET / HTTP/1.1\r\nAccept: */*\r\nHost: hh\r\nuser-agent: Mine/2\r\n\r\n"},
+      {[](int32_t s) { return HTTP_get_request(s, "https://h/x", nullptr); }, "1|"},
+      {[](int32_t s) {
+         return HTTP_post_request(s, "http://10.0.0.1:49152/ctl/AVT", "\"u#Play\"", "<s:E/>");
+       },
+       "0|POST /ctl/AVT HTTP/1.1\r\nAccept: */*\r\n" + kAgent +
+           "Host: 10.0.0.1:49152\r\nSOAPACTION: \"u#Play\"\r\nCONTENT-TYPE:  text/xml; "
+           "charset=\"utf-8\"\r\nContent-Length: 6\r\n\r\n"},
+      {[](int32_t s) { return HTTP_post_header(s, "http://h:9/up/load", "a/b", 0, 0, nullptr); },
+       post + "Close\r\nContent-Type: a/b\r\n" + kAgent + "\r\n"},
+      // With a length, an expectation and a User-Agent of the caller's.
+      {[](int32_t s) {
+         return HTTP_post_header(s, "http://h:9/up/load", "a/b", 12345678901LL, 1,
+                                 "User-Agent: U\r\nX-A: 1\r\n");
+       },
+       post + "Keep-Alive\r\nContent-Type: a/b\r\nContent-Length: 12345678901\r\nExpect: "
+              "100-continue\r\nUser-Agent: U\r\nX-A: 1\r\n\r\n"},
+      {[](int32_t s) { return HTTP_post_header(s, "http://h/u", "a/b", -1, 0, nullptr); }, "1|"},
+      // A head past 8191 bytes is refused.
+      {[&](int32_t s) { return HTTP_post_header(s, "http://h/u", "a/b", 1, 0, huge.c_str()); },
+       "1|"},
+  };
+  for (const auto& [send, expected] : cases) EXPECT_EQ(Sent(send), expected);
+  HTTP_make_user_agent_settable();  // a user agent the host sets before any request is kept
+  HTTP_set_default_user_agent("Host/3.0");
+  EXPECT_EQ(Sent([](int32_t s) { return HTTP_get_request(s, "http://h/g", nullptr); }),
+            "0|GET /g HTTP/1.1\r\nAccept: */*\r\nHost: h\r\nUser-Agent: Host/3.0\r\n\r\n");
+}
+
+TEST_F(ClientTest, GetSoapPostAndUploadExchanges) {
+  const std::string soap = "<s:Envelope>play</s:Envelope>", xml = "<a>1</a>";
+  const auto soap_to = [&](const char* control) -> Call {
+    return [&, control](const std::string& base) {
+      return Take(HTTP_soap_action((base + "/d/desc.xml").c_str(), control, "a", soap.c_str()));
+    };
+  };
+  const Call post = [&](const std::string& base) {
+    char* answer = reinterpret_cast<char*>(1);
+    int32_t length = -1;
+    const int32_t result =
+        HTTP_post((base + "/p").c_str(), "X-E: 1\r\n", xml.c_str(), 8, &answer, &length);
+    return std::to_string(result) + " " + Str(answer) + " " + std::to_string(length);
+  };
+  TempDir dir;
+  std::string content(20000, '\0');
+  for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
+  WriteFile(dir.File("p.jpg"), content);
+  const Call post_file = [&](const std::string& base) {
+    int32_t status = -1;
+    const int32_t result = HTTP_post_file((base + "/up/p.jpg").c_str(), "X-N: p\r\n",
+                                          dir.File("p.jpg").c_str(), "image/jpeg", &status);
+    return std::to_string(result) + " " + std::to_string(status);
+  };
+  const std::string upload =
+      "POST /up/p.jpg HTTP/1.1\r\nAccept: */*\r\nHost: HOST\r\nConnection: "
+      "Keep-Alive\r\nContent-Type: image/jpeg\r\nContent-Length: 20000\r\n" +
+      kAgent + "X-N: p\r\n\r\n" + content;
+  const std::string soap_head = " HTTP/1.1\r\nAccept: */*\r\n" + kAgent +
+                                "Host: HOST\r\nSOAPACTION: a\r\nCONTENT-TYPE:  text/xml; "
+                                "charset=\"utf-8\"\r\nContent-Length: 29\r\n\r\n" +
+                                soap;
+  const std::string post_request = "POST /p HTTP/1.1\r\nAccept: */*\r\n" + kAgent +
+                                   "Host: HOST\r\nCONTENT-TYPE: text/xml ; charset=\"utf-8\"\r\n"
+                                   "X-E: 1\r\nContent-Length: 8\r\nConnection: close\r\n\r\n" +
+                                   xml;
+  // {reply, call on the server's base URL, answer|request}
+  const std::tuple<std::string, Call, std::string> cases[] = {
+      // User information is no part of where the client connects, only of the Host line.
+      {kOk + "Content-Length: 5\r\n\r\nhello",
+       [](const std::string& base) {
+         return Take(HTTP_get(("http://me:pw@" + base.substr(7) + "/dev/d.xml").c_str()));
+       },
+       "hello|GET /dev/d.xml HTTP/1.1\r\nAccept: */*\r\nHost: me:pw@HOST\r\n" + kAgent + "\r\n"},
+      {kOk + "Content-Length: 4\r\n\r\ndone", soap_to("/ctl"), "done|POST /ctl" + soap_head},
+      {kOk + "Content-Length: 4\r\n\r\ndone", soap_to("ctl"),
+       "done|POST /d/desc.xml/ctl" + soap_head},
+      {"HTTP/1.1 100 Continue\r\n\r\n" + kOk + "Content-Length: 6\r\n\r\n<ok/>\n", post,
+       "1 <ok/>\n 6|" + post_request},
+      {"", post, "0 <null> 0|" + post_request},
+      {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 204 No Content\r\n\r\n", post_file,
+       "0 204|" + upload},
+      {"HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n", post_file,
+       "1 500|" + upload},
+  };
+  for (const auto& [reply, call, expected] : cases) {
+    ScriptedServer server(reply);
+    const std::string answer = call(server.Url(""));
+    EXPECT_EQ(answer + "|" + server.Request(), expected);
+  }
+}
+
+// Interim answers are skipped and the status is not examined. Hostile peers: the client takes
+// only what its buffers hold, reserves memory only for bytes that came, and returns once the peer
+// closes.
+TEST_F(ClientTest, GetBodiesFromHonestAndHostilePeers) {
+  const std::string size_line(100000, '1');  // 19 bytes of it are the size, the rest data
   // {reply, body}
   const std::pair<std::string, std::string> cases[] = {
-      {"HTTP/1.1 100 Continue\r\n\r\n" + kOk + "Content-Length: 5\r\n\r\nhello", "hello"},
-      {"HTTP/1.1 102 Processing\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: </a>\r\n\r\n" + kOk +
+      {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nLink: </a>\r\n\r\n" + kOk +
            "Content-Length: 2\r\n\r\nok",
        "ok"},
-      // Only an HTTP/1.1 interim head is recognised; this one is read as a 1.0 answer.
-      {"HTTP/1.0 100 Continue\r\n\r\n" + kOk + "Content-Length: 2\r\n\r\nok",
-       kOk + "Content-Length: 2\r\n\r\nok"},
       {"HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\nnot found", "not found"},
-      {kOk + "Server: x\r\n\r\nignored", "<null>"},  // HTTP/1.1 without framing: no body
-  };
-  for (const auto& [reply, body] : cases) EXPECT_EQ(Get(reply), body) << reply;
-}
-
-// Peers that lie about sizes or never end their heads: the client takes only what its buffers
-// hold, reserves memory only for bytes that really came, and comes back once the peer closes.
-TEST_F(HttpClientExchange, HostilePeers) {
-  const std::string endless_head = kOk + std::string(1 << 20, 'X');
-  const std::string size_line(100000, '1');  // the first 19 bytes are the size 0x11111111
-  // {reply, body}
-  const std::pair<std::string, std::string> cases[] = {
-      {endless_head, "<null>"},
-      {"HTTP/1.0 200 OK\r\nX-Junk: " + std::string(1 << 20, 'j'), "<null>"},
+      {kOk + std::string(1 << 20, 'X'), "<null>"},
       {kChunked + size_line, size_line.substr(19)},
-      {kChunked + "7FFFFFFFFFFFFFF0\r\n0123456789", "0123456789"},
-      {kChunked + "7FFFFFFF\r\nabc", "abc"},
       {kChunked + "10000000\r\n" + std::string(70000, 'm'), std::string(70000, 'm')},
-      {kChunked + "a\r\n12345", "12345"},  // closed inside a chunk
-      // A negative size is not an end; a size line is read in 19 bytes, the rest is data.
-      {kChunked + "FFFFFFFF\r\n\r\n5\r\nhello\r\n0\r\n\r\n", "hello"},
-      {kChunked + "3" + std::string(18, ' ') + "abc\r\n0\r\n\r\n", "abc"},
       {kOk + "Content-Length: 2000000000\r\n\r\n0123456789", "0123456789"},
       {kOk + "Content-Length: 99999999999\r\n\r\ntoo big", "<null>"},
   };
   for (const auto& [reply, body] : cases) {
-    const std::string got = Get(reply);
-    EXPECT_EQ(got.size(), body.size()) << reply.substr(0, 80);
-    EXPECT_TRUE(got == body) << reply.substr(0, 80);
+    ScriptedServer server(reply);
+    EXPECT_TRUE(Take(HTTP_get(server.Url("/d.xml").c_str())) == body) << reply.substr(0, 60);
   }
-  // A 256 MiB chunk announced with 70000 bytes sent must not have reserved the announcement.
-  EXPECT_LT(upnp_max_mem_used(), 64u << 20);
+  // The same announcement chunk by chunk, its data past the first block of 64 KiB.
+  PeerPair pair;
+  ASSERT_TRUE(pair.Open() && pair.client().Send("10000000\r\n" + std::string(70000, 'q')));
+  pair.client().ShutdownWrite();
+  char* data = nullptr;
+  EXPECT_EQ(HTTP_receive_chunk(pair.server_fd(), &data), 70000);
+  EXPECT_TRUE(data != nullptr && std::string(data, 70000) == std::string(70000, 'q'));
+  if (data != nullptr) upnp_free_impl(data);
+  EXPECT_LT(upnp_max_mem_used(), 64u << 20) << "a 256 MiB announcement reserved memory";
 }
 
-TEST_F(HttpClientExchange, HostileChunksOneByOne) {
-  // {wire, chunk reads as "size:bytes" or "size:-"}
-  const std::pair<std::string, std::string> cases[] = {
-      {"7FFFFFFFFFFFFFF0\r\n0123456789", "10:0123456789,-1:-,"},
-      {"10000000\r\n" + std::string(5, 'q'), "5:qqqqq,-1:-,"},
-      {std::string(30, 'F'), "0:-,-1:-,"},  // 19 F's: size -1, an end for a single chunk
+// A download lands under its name only when complete; a broken one leaves the directory as it
+// was, an earlier file included.
+TEST_F(ClientTest, DownloadIsAllOrNothing) {
+  TempDir dir;
+  const std::string big(300000, 'b'), target = dir.File("desc.xml");
+  // {reply, result, file content afterwards ("<none>": no file) and length}
+  const std::tuple<std::string, int32_t, std::string, int64_t> cases[] = {
+      {kOk + "Content-Length: 300000\r\n\r\n" + big, 0, big, 300000},
+      {kOk + "Content-Length: 0\r\n\r\n", 0, "", 0},
+      {kOk + "Content-Length: 100000\r\n\r\n" + std::string(5000, 'p'), 1, "<none>", 0},
+      {kOk + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n", 1, "<none>", 0},
+      {"HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\ngone", 1, "<none>", 0},
   };
-  for (const auto& [wire, reads] : cases) {
-    PeerPair pair;
-    ASSERT_TRUE(pair.Open() && pair.client().Send(wire));
-    pair.client().ShutdownWrite();
-    std::string got;
-    for (int i = 0; i < 2; ++i) {
-      char* data = nullptr;
-      const int32_t n = HTTP_receive_chunk(pair.server_fd(), &data);
-      got += std::to_string(n) + ":" + (data != nullptr ? std::string(data, n) : "-") + ",";
-      if (data != nullptr) upnp_free_impl(data);
+  for (const bool earlier : {false, true}) {
+    for (const auto& [reply, result, content, length] : cases) {
+      std::filesystem::remove(target);
+      if (earlier) WriteFile(target, "earlier");
+      ScriptedServer server(reply);
+      int64_t got = -1;
+      EXPECT_EQ(HTTP_download_file(server.Url("/d").c_str(), nullptr, target.c_str(), &got),
+                result);
+      const std::string expected = result != 0 && earlier ? "earlier" : content;
+      EXPECT_TRUE((FileExists(target) ? ReadFile(target) : "<none>") == expected) << reply;
+      EXPECT_EQ(got, length);
+      const auto files = std::distance(std::filesystem::directory_iterator(dir.path()), {});
+      EXPECT_EQ(files, expected == "<none>" ? 0 : 1) << "a partial file was left";
     }
-    EXPECT_EQ(got, reads) << wire.substr(0, 40);
   }
-  EXPECT_LT(upnp_max_mem_used(), 64u << 20);
 }
 
-TEST_F(HttpClientExchange, SoapActionUrlsAndBody) {
-  // {base (the port is appended to 127.0.0.1:), control URL, request line}
-  const std::tuple<std::string, std::string, std::string> cases[] = {
-      {"/dev/desc.xml", "/ctl", "POST /ctl HTTP/1.1\r\n"},
-      {"/dev/desc.xml", "ctl", "POST /dev/desc.xml/ctl HTTP/1.1\r\n"},
-      {"", "/upnp/control", "POST /upnp/control HTTP/1.1\r\n"},
-  };
-  const std::string body = "<s:Envelope>play</s:Envelope>";
-  for (const auto& [base_path, control, line] : cases) {
-    ScriptedServer server({kOk + "Content-Length: 4\r\n\r\ndone"});
-    EXPECT_EQ(Take(HTTP_soap_action(server.Url(base_path).c_str(), control.c_str(), "\"u#Play\"",
-                                    body.c_str())),
-              "done");
-    const std::string request = server.Requests().at(0);
-    EXPECT_EQ(request.substr(0, line.size()), line);
-    const std::string tail = "Content-Length: 29\r\n\r\n" + body;
-    EXPECT_EQ(request.substr(request.size() - std::min(request.size(), tail.size())), tail);
-  }
-  EXPECT_EQ(HTTP_soap_action(nullptr, "/c", "a", "b"), nullptr);
-  EXPECT_EQ(HTTP_soap_action("http://h/", "/c", "a", nullptr), nullptr);
-}
-
-TEST_F(HttpClientExchange, TalkRefusesAndLogsAMissingHead) {
-  EXPECT_EQ(HTTP_talk(3, "http://127.0.0.1/", nullptr, nullptr), nullptr);
-  EXPECT_EQ(_HTTP_talk(2, nullptr, nullptr, nullptr, 100), nullptr);
-  ScriptedServer server({"", kOk + "Content-Length: 1\r\n\r\nx"});
-  std::string log = Logged(UPNP_LOG_HTTP, [&] {
-    EXPECT_EQ(HTTP_get_with_timeout(server.Url("/").c_str(), 2000), nullptr);
-  });
-  EXPECT_THAT(log, HasSubstr("[Error] - LOG_HTTP: HTTP_talk received no header in HTTP_talk!"));
-  EXPECT_EQ(Take(HTTP_get_with_timeout(server.Url("/").c_str(), 2000)), "x");
-}
-
-TEST_F(HttpClientExchange, PostSendsTheBodyAndHandsBackTheAnswer) {
-  const std::string body = "<a>1</a>";
-  // {reply, result, answer, answer length}
-  const std::tuple<std::string, int32_t, std::string, int32_t> cases[] = {
-      {"HTTP/1.1 100 Continue\r\n\r\n" + kOk + "Content-Length: 6\r\n\r\n<ok/>\n", 1, "<ok/>\n", 6},
-      {kOk + "\r\n", 1, "<null>", 0},
-      {"", 0, "<null>", 0},
-  };
-  for (const auto& [reply, result, answer, length] : cases) {
-    ScriptedServer server({reply});
-    char* got = reinterpret_cast<char*>(1);
-    int32_t got_length = -1;
-    EXPECT_EQ(HTTP_post(server.Url("/post/it").c_str(), "X-Extra: 1\r\n", body.c_str(),
-                        static_cast<int32_t>(body.size()), &got, &got_length),
-              result);
-    EXPECT_EQ(Str(got), answer);
-    EXPECT_EQ(got_length, length);
-    EXPECT_EQ(server.Requests().at(0),
-              "POST /post/it HTTP/1.1\r\nAccept: */*\r\n" + kAgent +
-                  "Host: 127.0.0.1:" + std::to_string(server.port()) +
-                  "\r\nCONTENT-TYPE: text/xml ; charset=\"utf-8\"\r\nX-Extra: 1\r\nContent-Length: "
-                  "8\r\nConnection: close\r\n\r\n" +
-                  body);
-  }
-  EXPECT_EQ(HTTP_post(nullptr, nullptr, "x", 1, nullptr, nullptr), 0);
-}
-
-// With the server running, a connect that is never answered is cut off by the connection
-// time-out: the watchdog's deadline plus at most one poll.
-TEST_F(HttpClientExchange, ConnectNeverAnsweredIsCutOff) {
-  tw::core::CreateGlobalLock();
-  __atomic_store_n(&g_server_running, 1, __ATOMIC_RELEASE);
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = LoopbackAddress(0);
-  socklen_t size = sizeof(address);
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ASSERT_EQ(listen(listener, 0), 0);  // one queued connection fills it; later SYNs are dropped
-  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
-  HttpPeer queued;
-  ASSERT_TRUE(queued.Connect(ntohs(address.sin_port)));
-  const int32_t before = HTTP_set_connection_timeout(1);
-  const auto start = Clock::now();
-  const int32_t socket =
-      HTTP_open(("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/").c_str());
-  const auto took =
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  HTTP_set_connection_timeout(before);
-  EXPECT_EQ(socket, -1);
-  EXPECT_GE(took, 990);
-  EXPECT_LE(took, 1000 + 300 + kSlackMs) << "cut off after " << took << " ms";
-  RecordProperty("cut_off_ms", std::to_string(took));
-  close(listener);
-  __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
-  tw::core::DestroyGlobalLock();
+TEST_F(ClientTest, OpenRefusesOtherSchemes) {
+  const std::string log =
+      Logged(UPNP_LOG_HTTP, [] { EXPECT_EQ(HTTP_open("https://127.0.0.1/"), -1); });
+  EXPECT_THAT(log, HasSubstr("[Error] - LOG_HTTP: HTTP_open: Malformed url: https://127.0.0.1/"));
 }
 
 }  // namespace
