@@ -99,6 +99,10 @@ TEST_F(SocketWatchdog, CutsOffAConnectThatIsNeverAnswered) {
   const int32_t s = upnp_socket_create_tcp();
   const timeval limit{3, 0};
   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  TempDir dir;
+  const std::string log_path = dir.File("watchdog.log");
+  ASSERT_EQ(upnp_log_init(log_path.c_str()), 1);
+  upnp_log_set_mode(UPNP_LOG_SYSTEM);
   const auto start = std::chrono::steady_clock::now();
   void* handle = upnp_enforce_socket_timeout(100, s);
   EXPECT_NE(upnp_socket_connect(s, "127.0.0.1", ntohs(address.sin_port)), 0);
@@ -106,6 +110,15 @@ TEST_F(SocketWatchdog, CutsOffAConnectThatIsNeverAnswered) {
   EXPECT_EQ(upnp_release_socket_timeout(handle, 0), 1u) << "not closed by the watchdog";
   EXPECT_GE(took.count(), 95);
   EXPECT_LE(took.count(), 100 + 300 + kSlackMs);
+  // The line follows the close without anything to wait on; the log file is written at once.
+  EXPECT_TRUE(WaitFor([&] {
+    std::ifstream in(log_path);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return text.find("[Problem] - LOG_SYSTEM: releaseSocketTimeout(): Socket closed by thread") !=
+           std::string::npos;
+  }));
+  upnp_log_set_mode(0);
+  upnp_log_exit();
   close(listener);
 }
 
