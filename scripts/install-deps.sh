@@ -5,7 +5,7 @@ set -eu
 # gupnp-tools brings gssdp-discover for the SSDP check (scripts/gssdp-check.sh); gir1.2-gssdp-1.6
 # and python3-gi keep its stand-in, scripts/gssdp_discover.py, runnable (TW_GSSDP_DISCOVER=python).
 need="cmake g++ make pkgconf binutils python3 googletest libgtest-dev libgmock-dev libbenchmark-dev iproute2 util-linux gupnp-tools gir1.2-gssdp-1.6 python3-gi"
-# Real servers the client is tested against (tests/httpclient/real_servers_test.cpp and
+# Real servers the client is tested against (tests/httpclient/exchange_test.cpp and
 # tests/interop/minidlna_test.cpp); the tests start them themselves inside the private namespace.
 need="$need nginx nodejs minidlna"
 # The libraries the XML benchmark compares against (make bench).

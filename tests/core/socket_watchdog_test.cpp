@@ -20,13 +20,7 @@ std::vector<int32_t> Pending() {
   return std::vector<int32_t>(sockets, sockets + std::clamp(n, 0, 16));
 }
 
-// Whether a byte still passes through a local stream pair, from end 1 to end 0 (the armed one).
-bool Passes(const int (&fd)[2]) {
-  char byte;
-  return send(fd[1], "x", 1, MSG_NOSIGNAL) == 1 && recv(fd[0], &byte, 1, 0) == 1;
-}
-
-// The server runs unless a test stops it.
+// The server runs unless a test stops it. fd_ is a local stream pair; end 0 is the armed one.
 class SocketWatchdog : public LeakCheck {
  protected:
   void SetUp() override {
@@ -35,9 +29,8 @@ class SocketWatchdog : public LeakCheck {
     tw::core::CreateGlobalLock();
     __atomic_store_n(&g_server_running, 1, __ATOMIC_RELEASE);
   }
-  // Stopped with a deadline pending, which it drops, the thread lets the next test in this
-  // process start its own; one that ended on an empty list would not.
-  void TearDown() override {
+  void TearDown() override {  // a thread stopped with a deadline pending lets the next one start
+
     tw::core::EnforceSocketTimeoutAt(UINT64_MAX, -1);
     __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
     EXPECT_TRUE(WaitFor([] { return Pending().empty(); }));
@@ -46,11 +39,16 @@ class SocketWatchdog : public LeakCheck {
     if (fd_[0] >= 0) close(fd_[0]);
     LeakCheck::TearDown();
   }
+  bool Passes() {  // whether a byte still goes from end 1 to end 0
+    char byte;
+    return send(fd_[1], "x", 1, MSG_NOSIGNAL) == 1 && recv(fd_[0], &byte, 1, 0) == 1;
+  }
   int fd_[2] = {-1, -1};
 };
 
-// Deadlines an hour ahead never fire; the labels stand for sockets and are never closed.
-TEST_F(SocketWatchdog, EqualToTheHeadGoesInFrontFurtherDownBehind) {
+// Deadlines an hour ahead never fire; the labels stand for sockets and are never closed. Equal to
+// the head goes in front, further down behind its equals.
+TEST_F(SocketWatchdog, OrderRefusalsAndReleases) {
   const uint64_t base = static_cast<uint64_t>(getSystemTime()) + 3600 * 1000;
   // {deadline offsets armed in turn for sockets 101, 102, ..., the sockets in list order}
   const std::pair<std::vector<uint64_t>, std::vector<int32_t>> cases[] = {
@@ -60,16 +58,12 @@ TEST_F(SocketWatchdog, EqualToTheHeadGoesInFrontFurtherDownBehind) {
   };
   for (const auto& [offsets, order] : cases) {
     std::vector<tw::core::SocketTimeout*> handles;
-    for (size_t i = 0; i < offsets.size(); ++i) {
-      handles.push_back(
-          tw::core::EnforceSocketTimeoutAt(base + offsets[i], 101 + static_cast<int32_t>(i)));
+    for (const uint64_t at : offsets) {
+      handles.push_back(tw::core::EnforceSocketTimeoutAt(base + at, 101 + int32_t(handles.size())));
     }
     EXPECT_EQ(Pending(), order);
     for (auto* handle : handles) EXPECT_EQ(upnp_release_socket_timeout(handle, 0), 0u);
   }
-}
-
-TEST_F(SocketWatchdog, RefusalsAndReleaseResults) {
   const std::string log = Logged(UPNP_LOG_SYSTEM, [] {
     EXPECT_EQ(upnp_enforce_socket_timeout(0, 5), nullptr);
     EXPECT_EQ(upnp_enforce_socket_timeout(100, -1), nullptr);
@@ -78,9 +72,18 @@ TEST_F(SocketWatchdog, RefusalsAndReleaseResults) {
   EXPECT_NE(log.find(line), log.rfind(line)) << "two lines expected:\n" << log;
   // 0: still open and the caller's; 1: closed now.
   EXPECT_EQ(upnp_release_socket_timeout(upnp_enforce_socket_timeout(5000, fd_[0]), 0), 0u);
-  EXPECT_TRUE(Passes(fd_));
+  EXPECT_TRUE(Passes());
+  // With the server stopped the thread forgets pending deadlines unfired: the socket stays open,
+  // and the release, finding nothing, says 1 all the same.
+  __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
+  void* handle = upnp_enforce_socket_timeout(50, fd_[0]);
+  ASSERT_TRUE(handle != nullptr && WaitFor([] { return Pending().empty(); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(upnp_release_socket_timeout(handle, 0), 1u);
+  EXPECT_TRUE(Passes());
+  __atomic_store_n(&g_server_running, 1, __ATOMIC_RELEASE);
   EXPECT_EQ(upnp_release_socket_timeout(upnp_enforce_socket_timeout(5000, fd_[0]), 1), 1u);
-  EXPECT_FALSE(Passes(fd_));
+  EXPECT_FALSE(Passes());
   fd_[0] = -1;
 }
 
@@ -97,11 +100,9 @@ TEST_F(SocketWatchdog, CutsOffAConnectThatIsNeverAnswered) {
   HttpPeer queued;  // fills the queue
   ASSERT_TRUE(queued.Connect(ntohs(address.sin_port)));
   const int32_t s = upnp_socket_create_tcp();
-  const timeval limit{3, 0};
-  setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  setSockOptSendTimeout(s, 3000);
   TempDir dir;
-  const std::string log_path = dir.File("watchdog.log");
-  ASSERT_EQ(upnp_log_init(log_path.c_str()), 1);
+  ASSERT_EQ(upnp_log_init(dir.File("log").c_str()), 1);
   upnp_log_set_mode(UPNP_LOG_SYSTEM);
   const auto start = std::chrono::steady_clock::now();
   void* handle = upnp_enforce_socket_timeout(100, s);
@@ -112,26 +113,14 @@ TEST_F(SocketWatchdog, CutsOffAConnectThatIsNeverAnswered) {
   EXPECT_LE(took.count(), 100 + 300 + kSlackMs);
   // The line follows the close without anything to wait on; the log file is written at once.
   EXPECT_TRUE(WaitFor([&] {
-    std::ifstream in(log_path);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return text.find("[Problem] - LOG_SYSTEM: releaseSocketTimeout(): Socket closed by thread") !=
-           std::string::npos;
+    return ReadFile(dir.File("log"))
+               .find(
+                   "[Problem] - LOG_SYSTEM: releaseSocketTimeout(): "
+                   "Socket closed by thread") != std::string::npos;
   }));
   upnp_log_set_mode(0);
   upnp_log_exit();
   close(listener);
-}
-
-// With the server stopped the thread forgets pending deadlines unfired: the socket stays open,
-// and the release, finding nothing, says 1 all the same.
-TEST_F(SocketWatchdog, StoppedServerNeverClosesArmedSockets) {
-  __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
-  void* handle = upnp_enforce_socket_timeout(50, fd_[0]);
-  ASSERT_TRUE(handle != nullptr && WaitFor([] { return Pending().empty(); }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_TRUE(Passes(fd_));
-  EXPECT_EQ(upnp_release_socket_timeout(handle, 0), 1u);
-  EXPECT_TRUE(Passes(fd_));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <regex>
+
 #include "support/test_support.h"
 
 namespace tw::test {
@@ -8,33 +10,40 @@ namespace tw::test {
 inline const std::string kAgent = "User-Agent: ktConnect DLNADOC/1.50\r\n";
 inline const std::string kOk = "HTTP/1.1 200 OK\r\n";
 
-// A loopback server playing one scripted reply to the HTTP client: it accepts one connection,
-// writes the reply at once, shuts its write side and keeps what the client sends until it closes.
-// Every wait ends at a deadline, so a client that hangs fails the test instead of hanging it.
+// A loopback server playing one scripted reply to the HTTP client on each of `connections` in
+// turn: all of it at once, then the end of its stream; what the client sends is kept until it
+// closes. Every wait ends at a deadline, so a client that hangs fails the test.
 class ScriptedServer {
  public:
-  explicit ScriptedServer(const std::string& reply)
-      : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit ScriptedServer(const std::string& reply, int connections = 1) {
     sockaddr_in address = LoopbackAddress(0);
     socklen_t length = sizeof(address);
     EXPECT_TRUE(bind(listener_, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                listen(listener_, 1) == 0 &&
+                listen(listener_, 64) == 0 &&
                 getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0);
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, reply] { Serve(reply); });
+    url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    thread_ = std::thread([this, reply, connections] {
+      for (int n = 0; n < connections && Readable(listener_); ++n) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);  // all, unless the client went away
+        shutdown(fd, SHUT_WR);
+        char buffer[65536];
+        for (ssize_t got; Readable(fd) && (got = recv(fd, buffer, sizeof(buffer), 0)) > 0;) {
+          request_.append(buffer, static_cast<size_t>(got));
+        }
+        close(fd);
+      }
+    });
   }
   ~ScriptedServer() {
     Request();
     close(listener_);
   }
-  int port() const { return port_; }
-  std::string Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
-  // What the client sent, once it closed; this server's authority shows as HOST.
-  const std::string& Request() {
+  std::string Url(const std::string& path) const { return url_ + path; }
+  // What the clients sent, once the last one closed; this server's authority shows as HOST.
+  std::string Request() {
     if (thread_.joinable()) thread_.join();
-    return request_;
+    return std::regex_replace(request_, std::regex("127\\.0\\.0\\.1:[0-9]+"), "HOST");
   }
 
  private:
@@ -42,25 +51,9 @@ class ScriptedServer {
     pollfd p{fd, POLLIN, 0};
     return poll(&p, 1, 10000) == 1;
   }
-  void Serve(const std::string& reply) {
-    const int fd = Readable(listener_) ? accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-    if (fd < 0) return;
-    send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);  // all of it, unless the client went away
-    shutdown(fd, SHUT_WR);
-    char buffer[65536];
-    for (ssize_t n; Readable(fd) && (n = recv(fd, buffer, sizeof(buffer), 0)) > 0;) {
-      request_.append(buffer, static_cast<size_t>(n));
-    }
-    close(fd);
-    const std::string authority = "127.0.0.1:" + std::to_string(port_);
-    for (size_t at; (at = request_.find(authority)) != std::string::npos;) {
-      request_.replace(at, authority.size(), "HOST");
-    }
-  }
 
-  int listener_;
-  int port_ = 0;
-  std::string request_;
+  const int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::string url_, request_;
   std::thread thread_;
 };
 
