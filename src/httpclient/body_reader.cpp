@@ -135,14 +135,19 @@ Ended ReadUntilClose(int32_t socket, char* piece, Write&& write) noexcept {
   }
 }
 
+// The writer the framed readers hand their pieces to when the body is collected in a string.
+auto AppendingTo(upnp_string** body) noexcept {
+  return [body](const char* bytes, int32_t count) {
+    return Append(body, bytes, static_cast<uint32_t>(count));
+  };
+}
+
 upnp_string* ReceiveChunked(int32_t socket) noexcept {
   Piece piece;
   if (piece.get() == nullptr) return nullptr;
   upnp_string* body = nullptr;
   // A failed append has freed the text and left body null.
-  ReadChunks(socket, piece.get(), [&body](const char* bytes, int32_t count) {
-    return Append(&body, bytes, static_cast<uint32_t>(count));
-  });
+  ReadChunks(socket, piece.get(), AppendingTo(&body));
   return body;
 }
 
@@ -166,9 +171,7 @@ upnp_string* ReceiveLength(int32_t socket, int64_t length) noexcept {
     if (body != nullptr) upnp_string_free(body);
     return nullptr;
   }
-  ReadCounted(socket, piece.get(), length, [&body](const char* bytes, int32_t count) {
-    return Append(&body, bytes, static_cast<uint32_t>(count));
-  });
+  ReadCounted(socket, piece.get(), length, AppendingTo(&body));
   if (body != nullptr && body->length == 0) {
     upnp_string_free(body);
     return nullptr;
@@ -180,9 +183,7 @@ upnp_string* ReceiveUntilClose(int32_t socket) noexcept {
   Piece piece;
   if (piece.get() == nullptr) return nullptr;
   upnp_string* body = nullptr;
-  ReadUntilClose(socket, piece.get(), [&body](const char* bytes, int32_t count) {
-    return Append(&body, bytes, static_cast<uint32_t>(count));
-  });
+  ReadUntilClose(socket, piece.get(), AppendingTo(&body));
   return body;
 }
 
