@@ -32,15 +32,16 @@ upnp_xml_attribute* AllocAttribute() noexcept {
 }
 
 void FreeAttribute(upnp_xml_attribute* attribute) noexcept {
-  FreeText(attribute->name);
   FreeText(attribute->value);
+  FreeText(attribute->name);
   std::memset(attribute, 0, sizeof(*attribute));
   upnp_free_impl(attribute);
 }
 
 // Iterative, although the list is conceptually released tail first: a start tag from another
 // device may carry any number of attributes, and recursing once per attribute would let it
-// overflow a worker's stack.
+// overflow a worker's stack. The parser puts the last attribute at the head, so this order frees
+// the records last allocated first (see Release).
 void ReleaseAttributes(upnp_xml_attribute* list) noexcept {
   while (list != nullptr) {
     upnp_xml_attribute* next = list->next;
@@ -49,16 +50,29 @@ void ReleaseAttributes(upnp_xml_attribute* list) noexcept {
   }
 }
 
+// Frees exactly in the reverse order of the parser's allocations (last sibling first, and in
+// each element its children, value, attributes, name and record). The heap's free lists hand
+// blocks back last in, first out, so the next tree gets its blocks in document order again and
+// a long-running process keeps walking its trees through memory front to back; freeing in
+// document order instead leaves the next tree scattered, and every walk over it (the writers
+// above all) several times slower. The sibling chain is reversed in place to stay iterative.
 void Release(upnp_xml_node* node) noexcept {
+  upnp_xml_node* reversed = nullptr;
   while (node != nullptr) {
     upnp_xml_node* next = node->next;
-    if (node->children != nullptr) Release(node->children);
-    ReleaseAttributes(node->attributes);
-    FreeText(node->name);
-    FreeText(node->value);
-    std::memset(node, 0, sizeof(*node));
-    upnp_free_impl(node);
+    node->next = reversed;
+    reversed = node;
     node = next;
+  }
+  while (reversed != nullptr) {
+    upnp_xml_node* next = reversed->next;
+    if (reversed->children != nullptr) Release(reversed->children);
+    FreeText(reversed->value);
+    ReleaseAttributes(reversed->attributes);
+    FreeText(reversed->name);
+    std::memset(reversed, 0, sizeof(*reversed));
+    upnp_free_impl(reversed);
+    reversed = next;
   }
 }
 
