@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Server lifecycle: starting and stopping the HTTP servers, SSDP and the heartbeat, and the
- * restart when the network interfaces change; (as they land) the service answers.
+ * restart when the network interfaces change. The service answers built on it are in services.h.
  *
  * The tables the lifecycle fills (server records, state word, global lock, callback tables,
  * network matching, device identities, resources) are declared in core.h, and the exit

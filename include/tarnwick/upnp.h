@@ -18,6 +18,7 @@
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"
 #include "tarnwick/server.h"
+#include "tarnwick/services.h"
 #include "tarnwick/ssdp.h"
 #include "tarnwick/types.h"
 #include "tarnwick/util.h"
