@@ -48,6 +48,15 @@ int main(int argc, char** argv) {
   CHECK(upnp_log_init(NULL) == 1);
   upnp_log_exit();
 
+  /* The error table through its public record: a host row wins, an unknown code reports 400. */
+  {
+    static const upnp_errmsg host_errors[] = {{701, "gone"}, {-1, NULL}};
+    upnp_set_errmsgs(host_errors);
+    CHECK(strcmp(upnp_get_errmsg(701), "gone") == 0);
+    CHECK(strcmp(upnp_get_errmsg(999), "Bad request") == 0);
+    upnp_set_errmsgs(NULL);
+  }
+
   if (failures == 0) printf("%s: ok\n", how);
   return failures == 0 ? 0 : 1;
 }
