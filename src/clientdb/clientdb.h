@@ -49,4 +49,28 @@ bool SetText(char** field, const char* value) noexcept;
 // returns false.
 bool RememberUdn(const char* udn) noexcept;
 
+// ---- loading and the tables beside the records (types.cpp, mime_views.cpp, lifecycle.cpp) ----
+constexpr int32_t kMaxEntries = kTypeSlots - 1;  // the last slot never takes an entry
+constexpr int kMimeSlots = 50;
+constexpr std::size_t kDefaultViewSize = 128;
+
+// Replaces the client-type table and the special MIME columns by what `text` (NUL-terminated)
+// holds: first every "MT:" keyword is registered, then the ">>" entries fill the slots.
+// upnp_client_db_init calls it on the resource; tests and fuzzers call it on their own text.
+// Not thread-safe: only while no request is being answered.
+void LoadTypes(const char* text) noexcept;
+void FreeTypes() noexcept;
+void FreeMimeTable() noexcept;
+void FreeViews() noexcept;
+// The server's default view name (g_strTreeDefaultView); read under the lock.
+const char* DefaultView() noexcept;
+// The lock's life, for upnp_client_db_init and upnp_client_db_exit.
+void CreateLock() noexcept;
+void DestroyLock() noexcept;
+// Frees every record of g_pClients / every examined UDN; the caller holds the lock.
+void FreeClientsLocked() noexcept;
+void FreeUdnsLocked() noexcept;
+// Appends the printout of record to s (upnp_print_client).
+upnp_string* PrintClient(upnp_string* s, const upnp_client* record) noexcept;
+
 }  // namespace tw::clientdb
