@@ -39,6 +39,8 @@ libdir=$(cache_get CMAKE_INSTALL_LIBDIR)
 includedir=$(cache_get CMAKE_INSTALL_INCLUDEDIR)
 bindir=$(cache_get CMAKE_INSTALL_BINDIR)
 datadir=$(cache_get CMAKE_INSTALL_DATADIR)
+# GNUInstallDirs caches DATADIR empty, meaning "the same as DATAROOTDIR".
+[ -n "$datadir" ] || datadir=$(cache_get CMAKE_INSTALL_DATAROOTDIR)
 for d in "$libdir" "$includedir" "$bindir" "$datadir"; do
   case $d in
     /*) skip "absolute install directory $d: an install with --prefix would write outside it" ;;
