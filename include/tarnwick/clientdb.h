@@ -32,9 +32,9 @@ TW_EXTERN_C_BEGIN
 #define UPNP_CLIENT_TYPE_RTP 19 /* the type upnp_client_db_have_netgear_rtp_client looks for */
 
 /* How a record's client type is kept (upnp_client.assignment). */
-#define UPNP_CLIENT_DETECTED 0     /* detected anew from the request headers */
-#define UPNP_CLIENT_FIXED 1        /* set by the user */
-#define UPNP_CLIENT_FIXED_MATCH 2  /* fixed while the record's header patterns match */
+#define UPNP_CLIENT_DETECTED 0    /* detected anew from the request headers */
+#define UPNP_CLIENT_FIXED 1       /* set by the user */
+#define UPNP_CLIENT_FIXED_MATCH 2 /* fixed while the record's header patterns match */
 
 /* One device met on the network. Strings are owned by the record (null when unknown). */
 typedef struct upnp_client {
@@ -43,14 +43,14 @@ typedef struct upnp_client {
   char* header_pattern;        /* the type's "HH:" value when the type was assigned */
   char* second_header_pattern; /* the type's "H2:" value */
   char* friendly_name;
-  char* mac;                   /* "AA:BB:CC:DD:EE:FF" */
+  char* mac; /* "AA:BB:CC:DD:EE:FF" */
   char* icon_url;
   char* icon_mime_type;
-  char* udn;                   /* "uuid:..." from the device's announcement */
-  int32_t enabled;             /* 1: the device may use the server */
-  int32_t seen;                /* 1 once its IP was confirmed during this run; not stored */
-  int32_t assignment;          /* UPNP_CLIENT_DETECTED, _FIXED or _FIXED_MATCH */
-  char* view;                  /* content view; null = the server's default view */
+  char* udn;          /* "uuid:..." from the device's announcement */
+  int32_t enabled;    /* 1: the device may use the server */
+  int32_t seen;       /* 1 once its IP was confirmed during this run; not stored */
+  int32_t assignment; /* UPNP_CLIENT_DETECTED, _FIXED or _FIXED_MATCH */
+  char* view;         /* content view; null = the server's default view */
   struct upnp_client* next;
 } upnp_client;
 
