@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "clientdb/clientdb.h"
+#include "clientdb/identify.h"
 #include "platform/allocator.h"
 #include "tarnwick/core.h"
 #include "tarnwick/platform.h"
@@ -91,9 +92,11 @@ void LoadTypes(const char* text) noexcept {
   if (text == nullptr) return;
   RegisterMimeKeywords(text);
   SplitEntries(text);
+  BuildMatcher();
 }
 
 void FreeTypes() noexcept {
+  FreeMatcher();
   for (char*& entry : g_types) {
     if (entry != nullptr) upnp_free_impl(entry);
     entry = nullptr;
