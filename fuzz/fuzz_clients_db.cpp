@@ -89,6 +89,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
   }
+  // Header matching over the input itself and a few heads: check_header and a request from a
+  // peer without a hardware address (identified by its head alone) must agree.
+  const std::string heads[] = {text, "User-Agent: DLNADOC/1.50\r\n", "GET / HTTP/1.1\r\n\r\n"};
+  for (const std::string& head : heads) {
+    if (head.c_str()[0] == '\0') continue;  // an empty head is no request at all
+    int32_t type = -1;
+    int32_t fix = -1;
+    char* pattern = nullptr;
+    char* second = nullptr;
+    char* name = nullptr;
+    const int32_t matched =
+        upnp_client_db_check_header(head.c_str(), &type, &fix, &pattern, &second, &name);
+    // Type 0 only through a fixed match.
+    Check(matched == 0 || ((type > 0 || fix != 0) && type >= 0 && type < 149 && fix >= 0 &&
+                           fix <= 2 && pattern != nullptr && second != nullptr && name != nullptr));
+    for (char* text_out : {pattern, second, name}) {
+      if (text_out != nullptr) upnp_free_impl(text_out);
+    }
+    const int32_t by_request =
+        upnp_client_db_add_by_ip("http://127.0.0.9:1/", "127.0.0.1", head.c_str());
+    Check(by_request == (matched != 0 ? type : UPNP_CLIENT_TYPE_UNKNOWN));
+  }
   char* table = upnp_client_db_get_table();
   if (table != nullptr) upnp_free_impl(table);
   upnp_client_db_exit();
