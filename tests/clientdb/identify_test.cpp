@@ -297,12 +297,12 @@ TEST_F(IdentifyTest, AliveAnnouncementsMakeOneRecordPerDevice) {
   EXPECT_EQ(server.served(), 1);
 }
 
-// Request threads, announcement threads and table edits at once; the file stays a readable
-// table throughout and nothing leaks (the fixture checks memory).
+// Request threads, announcement threads and table edits at once for ten seconds; the file stays a
+// readable table throughout and nothing leaks (the fixture checks memory).
 TEST_F(IdentifyTest, ConcurrentIdentificationAndEditing) {
   DescriptionServer server(kDescription);
   ASSERT_TRUE(server.ok());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   std::atomic<bool> stop{false};
   std::atomic<int> bad{0};
   std::vector<std::thread> threads;
@@ -315,12 +315,16 @@ TEST_F(IdentifyTest, ConcurrentIdentificationAndEditing) {
       }
     });
   }
-  threads.emplace_back([&] {
-    for (int i = 0; !stop.load() && i < 200; ++i) {
-      const std::string udn = "uuid:00000000-0000-0000-0000-" + std::to_string(100000 + i);
-      upnp_client_db_check_client(upnp_strdup_impl(Alive(server.Location(), udn).c_str()));
-    }
-  });
+  // Announcement threads run the body of the thread each alive announcement gets.
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; !stop.load() && i < 2000; ++i) {
+        const std::string udn =
+            "uuid:00000000-0000-0000-000" + std::to_string(t) + "-" + std::to_string(100000 + i);
+        upnp_client_db_check_client(upnp_strdup_impl(Alive(server.Location(), udn).c_str()));
+      }
+    });
+  }
   threads.emplace_back([&] {
     for (int i = 0; !stop.load() && i < 100000; ++i) {
       const std::string mac = "02:00:00:00:07:" + std::to_string(28 + i % 8);
