@@ -136,7 +136,8 @@ int main(int argc, char** argv) {
   // the log goes away. Handlers stay registered: a connection a client keeps alive still has its
   // worker, which may yet dispatch one last request; the process end takes it with it.
   Sleep(kSettleMs);
-  upnp_client_db_exit();
+  // The client database stays: a kept-alive worker or an announcement check (which may wait on
+  // a slow device's description) can still be using its tables, and the process end frees them.
   Say("stopped");
   upnp_log_exit();
   return kExitOk;
