@@ -23,12 +23,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "http/connection.h"
 #include "httpclient/head_reader.h"
+#include "tarnwick/clientdb.h"
+#include "tarnwick/config.h"
 #include "tarnwick/http.h"
 #include "tarnwick/platform.h"
 #include "tarnwick/server.h"
@@ -102,7 +105,39 @@ void StopServer(upnp_server_data* record) {
   __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
 }
 
-int Serve(int32_t port) {
+// The client-type table for "serve PORT CLIENTS_DB": read from the given file whenever the
+// library asks for its resource.
+std::string g_clients_db;
+int ClientsDbResource(const char* name, uint32_t* size_out, void** data_out) {
+  if (std::strcmp(name, "clients.db") != 0 || g_clients_db.empty()) return 0;
+  void* data = upnp_malloc_impl(g_clients_db.size() + 1);
+  if (data == nullptr) return 0;
+  std::memcpy(data, g_clients_db.c_str(), g_clients_db.size() + 1);
+  *size_out = static_cast<uint32_t>(g_clients_db.size() + 1);
+  *data_out = data;
+  return 1;
+}
+
+// With a client-type table the server identifies the client of every request as a product
+// does; without one every request is the unknown device, which costs nothing.
+bool StartClientDatabase(const char* clients_db) {
+  std::ifstream file(clients_db, std::ios::binary);
+  g_clients_db.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  if (g_clients_db.empty()) return false;
+  char appdata[] = "/tmp/tw_http_bench.XXXXXX";
+  if (mkdtemp(appdata) == nullptr) return false;
+  upnp_ini_file_init();
+  upnp_ini_file_setPropertyByKey(13, appdata);
+  register_upnp_resource_get_function(ClientsDbResource);
+  upnp_client_db_init();
+  return true;
+}
+
+int Serve(int32_t port, const char* clients_db) {
+  if (clients_db != nullptr && !StartClientDatabase(clients_db)) {
+    std::fprintf(stderr, "tw_http_bench: cannot load the client-type table %s\n", clients_db);
+    return 1;
+  }
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGINT);
@@ -180,8 +215,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string mode = argc > 1 ? argv[1] : "serve";
-  if (mode == "serve") return Serve(argc > 2 ? std::atoi(argv[2]) : 18080);
+  if (mode == "serve") {
+    return Serve(argc > 2 ? std::atoi(argv[2]) : 18080, argc > 3 ? argv[3] : nullptr);
+  }
   if (mode == "idle") return Idle(argc > 2 ? std::atoi(argv[2]) : 64);
-  std::fprintf(stderr, "usage: tw_http_bench serve [port] | idle [count]\n");
+  std::fprintf(stderr, "usage: tw_http_bench serve [port [clients.db]] | idle [count]\n");
   return 2;
 }

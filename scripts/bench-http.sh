@@ -29,9 +29,11 @@ fi
 
 tmp=$(mktemp -d)
 tw_pid=
+id_pid=
 nginx_pid=
 cleanup() {
   [ -n "$tw_pid" ] && kill "$tw_pid" 2> /dev/null || true
+  [ -n "$id_pid" ] && kill "$id_pid" 2> /dev/null || true
   [ -n "$nginx_pid" ] && kill "$nginx_pid" 2> /dev/null || true
   wait 2> /dev/null || true
   rm -rf "$tmp"
@@ -40,6 +42,7 @@ trap cleanup EXIT INT TERM
 
 tw_port=18080
 nginx_port=18081
+id_port=18082
 mkdir -p "$tmp/www" "$tmp/logs"
 head -c 1024 /dev/zero | tr '\0' 'x' > "$tmp/www/bench"
 cat > "$tmp/nginx.conf" <<CONF
@@ -70,11 +73,15 @@ nginx -p "$tmp" -c "$tmp/nginx.conf" &
 nginx_pid=$!
 "$bin" serve $tw_port > "$tmp/tw.out" &
 tw_pid=$!
+# The same server with the shipped client-type table: every request is identified.
+"$bin" serve $id_port resources/clients.db > "$tmp/tw_id.out" &
+id_pid=$!
 
 # Both must answer before measuring (bounded: 5 s).
 ready() { wrk -t1 -c1 -d1s "$1" 2> /dev/null | grep -q 'Requests/sec'; }
 i=0
-until ready "http://127.0.0.1:$tw_port/bench" && ready "http://127.0.0.1:$nginx_port/bench"; do
+until ready "http://127.0.0.1:$tw_port/bench" && ready "http://127.0.0.1:$nginx_port/bench" &&
+  ready "http://127.0.0.1:$id_port/bench"; do
   i=$((i + 1))
   if [ $i -gt 5 ]; then echo "bench-http: servers did not come up" >&2; cat "$tmp/logs/error.log" >&2; exit 1; fi
 done
@@ -89,8 +96,21 @@ for c in $connections; do
   awk -v c="$c" -v raw="$raw" -v full="$full" -v ng="$ng" \
     'BEGIN { printf "  -c%-3d nginx %9.0f req/s   tarnwick raw %9.0f (%.2f)   tarnwick send %9.0f (%.2f)\n", c, ng, raw, raw / ng, full, full / ng }'
 done
-kill -TERM "$tw_pid"
+# Identification: the same small response with and without it, from a renderer-like client
+# whose head carries a User-Agent and DLNA headers (the patterns are searched in all of them).
+ua="User-Agent: Linux/3.10 DLNADOC/1.50 UPnP/1.0 ExampleRenderer/2.1"
+for c in $connections; do
+  plain=$(wrk -t2 -c"$c" -d"${seconds}s" -H "$ua" -H "getcontentFeatures.dlna.org: 1" \
+    "http://127.0.0.1:$tw_port/send" | awk '/Requests\/sec/ {print $2}')
+  ident=$(wrk -t2 -c"$c" -d"${seconds}s" -H "$ua" -H "getcontentFeatures.dlna.org: 1" \
+    "http://127.0.0.1:$id_port/send" | awk '/Requests\/sec/ {print $2}')
+  awk -v c="$c" -v a="$plain" -v b="$ident" \
+    'BEGIN { printf "  -c%-3d identification: without %9.0f req/s   with %9.0f req/s   cost %.1f %%\n", c, a, b, 100 * (a - b) / a }'
+done
+kill -TERM "$tw_pid" "$id_pid"
 wait "$tw_pid" || true
+wait "$id_pid" || true
 tw_pid=
+id_pid=
 echo "  tarnwick: $(tail -n 1 "$tmp/tw.out")"
 echo "  tarnwick: $("$bin" idle 64)"

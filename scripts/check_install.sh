@@ -39,6 +39,8 @@ libdir=$(cache_get CMAKE_INSTALL_LIBDIR)
 includedir=$(cache_get CMAKE_INSTALL_INCLUDEDIR)
 bindir=$(cache_get CMAKE_INSTALL_BINDIR)
 datadir=$(cache_get CMAKE_INSTALL_DATADIR)
+# GNUInstallDirs caches DATADIR empty, meaning "the same as DATAROOTDIR".
+[ -n "$datadir" ] || datadir=$(cache_get CMAKE_INSTALL_DATAROOTDIR)
 for d in "$libdir" "$includedir" "$bindir" "$datadir"; do
   case $d in
     /*) skip "absolute install directory $d: an install with --prefix would write outside it" ;;
@@ -101,6 +103,14 @@ if [ -x "$prefix/$bindir/tarnwick-config" ]; then
   out=$("$prefix/$bindir/tarnwick-config" scramble secret 2>&1) ||
     fail "installed tarnwick-config does not run: $out"
   [ -n "$out" ] || fail "installed tarnwick-config printed nothing"
+  # The client types come from the data directory: nothing lies beside the installed tool.
+  if [ -f "$prefix/$datadir/tarnwick/clients.db" ]; then
+    mkdir "$work/appdata"
+    out=$("$prefix/$bindir/tarnwick-config" clients types -appdata "$work/appdata" \
+      -inifile "$work/appdata/tarnwick.ini" 2>&1) ||
+      fail "installed tarnwick-config finds no client types in $datadir/tarnwick: $out"
+    case $out in *"001  Unknown device"*) ;; *) fail "installed client types: $out" ;; esac
+  fi
 fi
 
 # ---- RUNPATH/RPATH of every installed ELF file -------------------------------------------------

@@ -2,6 +2,8 @@
 // Answers to M-SEARCH requests. The library hands every datagram of the multicast listener to
 // the registered handlers; this one reads ST and MX and gives the answers to the library's queue,
 // which sends them (three times, as UDP is lossy) from the interface the search came in on.
+// Devices announcing themselves (NOTIFY ssdp:alive) go to the client database, which identifies
+// them from their descriptions.
 #include <strings.h>
 
 #include <cstdlib>
@@ -9,6 +11,7 @@
 #include <string>
 
 #include "host.h"
+#include "tarnwick/clientdb.h"
 #include "tarnwick/platform.h"
 #include "tarnwick/ssdp.h"
 
@@ -37,9 +40,13 @@ std::string Header(const char* message, const char* name) {
 
 int32_t OnDatagram(const char* message, upnp_server_data* server, const char* address,
                    int32_t port) {
-  if (message == nullptr || server == nullptr || std::strncmp(message, "M-SEARCH * ", 11) != 0) {
+  if (message == nullptr || server == nullptr) return 0;
+  if (std::strncmp(message, "NOTIFY * ", 9) == 0) {
+    // Examined on a thread of the library's; each device once per run.
+    if (Header(message, "NTS") == "ssdp:alive") upnp_client_db_add_by_ssdp_alive(message);
     return 0;
   }
+  if (std::strncmp(message, "M-SEARCH * ", 11) != 0) return 0;
   if (Header(message, "MAN") != "\"ssdp:discover\"") return 0;
   const std::string target = Header(message, "ST");
   if (target.empty() || target.size() >= sizeof(upnp_ssdp_answer::target)) return 0;

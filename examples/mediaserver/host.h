@@ -25,7 +25,7 @@ void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void RegisterDescriptionHandlers();
 // folder.cpp: "/files/<name>" with byte ranges, and the index page at "/index.html".
 void RegisterFolderHandlers();
-// discovery.cpp: answers M-SEARCH requests.
+// discovery.cpp: answers M-SEARCH requests, passes alive announcements to the client database.
 void RegisterSearchHandler();
 
 // Text helpers shared by the handlers.

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "host.h"
+#include "tarnwick/clientdb.h"
 #include "tarnwick/config.h"
 #include "tarnwick/http.h"
 #include "tarnwick/log.h"
@@ -108,6 +109,9 @@ int main(int argc, char** argv) {
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
 
+  // The client table and types before the first request or announcement wants them; the
+  // configuration names the appdata directory the table is kept in.
+  upnp_client_db_init();
   upnp_server_start(&g_server_running);
   Say("%s (%s) sharing %s", settings.friendly_name.c_str(), settings.udn.c_str(),
       settings.folder.c_str());
@@ -132,6 +136,8 @@ int main(int argc, char** argv) {
   // the log goes away. Handlers stay registered: a connection a client keeps alive still has its
   // worker, which may yet dispatch one last request; the process end takes it with it.
   Sleep(kSettleMs);
+  // The client database stays: a kept-alive worker or an announcement check (which may wait on
+  // a slow device's description) can still be using its tables, and the process end frees them.
   Say("stopped");
   upnp_log_exit();
   return kExitOk;

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// Identification of requests and announcing devices (identify.cpp).
+#pragma once
+
+#include <cstdint>
+
+namespace tw::clientdb {
+
+// Prepares the header patterns of the client-type table; upnp_client_db_init calls it once the
+// table is split, upnp_client_db_exit frees them (FreeMatcher also forgets the peers known to
+// have no hardware address).
+void BuildMatcher() noexcept;
+void FreeMatcher() noexcept;
+// Replaces the millisecond clock of the no-hardware-address memory (null: the system's).
+void SetClockForTesting(int64_t (*clock)()) noexcept;
+
+int32_t CheckHeader(const char* head, int32_t* client_type, int32_t* fix, char** pattern,
+                    char** second_pattern, char** name) noexcept;
+int32_t AddByIp(const char* own_address, const char* ip, const char* head) noexcept;
+int32_t AccessAllowed(const char* ip) noexcept;
+
+// What a device description told about the device; strings owned (Clear frees them).
+struct DeviceFindings {
+  char* friendly_name = nullptr;
+  char* second_pattern = nullptr;
+  char* pattern = nullptr;
+  char* icon_url = nullptr;
+  char* icon_mime = nullptr;
+  int32_t client_type = 0;
+  int32_t fix = 0;
+  void Clear() noexcept;
+};
+int32_t CheckDeviceDescription(const char* url, DeviceFindings* found) noexcept;
+// The work of one alive announcement (the packet text is not changed).
+void CheckClient(const char* packet) noexcept;
+
+}  // namespace tw::clientdb
