@@ -20,6 +20,7 @@
 #include "tarnwick/platform.h"
 #include "tarnwick/server.h"
 #include "tarnwick/ssdp.h"
+#include "../shared/installed_resources.h"
 
 namespace mediaserver {
 namespace {
@@ -111,6 +112,7 @@ int main(int argc, char** argv) {
 
   // The client table and types before the first request or announcement wants them; the
   // configuration names the appdata directory the table is kept in.
+  register_upnp_resource_get_function(&examples::GetInstalledResource);
   upnp_client_db_init();
   upnp_server_start(&g_server_running);
   Say("%s (%s) sharing %s", settings.friendly_name.c_str(), settings.udn.c_str(),

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "tarnwick/clientdb.h"
+#include "../shared/installed_resources.h"
 #include "tarnwick/config.h"
 #include "tarnwick/core.h"
 #include "tarnwick/log.h"
@@ -145,12 +146,6 @@ int Scramble(const char* text) {
 
 // ---- clients -------------------------------------------------------------------------------
 
-// Where an installed tool keeps the library's tables, relative to its own directory (or
-// absolute); the build passes the installed layout's value.
-#ifndef TW_TOOL_DATA_DIR
-#define TW_TOOL_DATA_DIR "../share/tarnwick"
-#endif
-
 enum class ClientAction { kList, kTypes, kAdd, kEnable, kDisable, kDelete };
 
 struct ClientsRequest {
@@ -212,36 +207,6 @@ bool ParseClientsRequest(int argc, char** argv, ClientsRequest* request) {
   }
   request->first_option = next;
   return true;
-}
-
-// The library looks for resources beside argv[0], which misses when the tool was started through
-// PATH, and in an installed tree where the tables live in the data directory. This getter,
-// asked after that, tries the directory of the running executable and the data directory.
-int GetToolResource(const char* name, uint32_t* size_out, void** data_out) {
-  if (name == nullptr || std::strchr(name, '/') != nullptr) return 0;
-  std::error_code error;
-  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-  if (error) return 0;
-  const std::filesystem::path dir = self.parent_path();
-  for (const std::filesystem::path& path :
-       {dir / "resources" / name, dir / TW_TOOL_DATA_DIR / name}) {
-    if (!std::filesystem::is_regular_file(path, error)) continue;
-    std::ifstream file(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)),
-                            std::istreambuf_iterator<char>());
-    if (!file.good() && !file.eof()) continue;
-    if (bytes.size() > UINT32_MAX - 2u) return 0;
-    // Like a block the library reads itself: two zero bytes behind the data.
-    auto* block = static_cast<char*>(upnp_malloc_impl(bytes.size() + 2));
-    if (block == nullptr) return 0;
-    std::memcpy(block, bytes.data(), bytes.size());
-    block[bytes.size()] = '\0';
-    block[bytes.size() + 1] = '\0';
-    *size_out = static_cast<uint32_t>(bytes.size());
-    *data_out = block;
-    return 1;
-  }
-  return 0;
 }
 
 // The loaded client types. The table joins "%03d,name" items with ",": an item starts only
@@ -392,7 +357,7 @@ int Clients(const ClientsRequest& request) {
   // The tool only looks at and edits the table; a host's wish to start with an empty one must
   // not empty it each time the tool runs. The INI file is not written here.
   upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_CLEARCLIENTSONRESTART, "0");
-  register_upnp_resource_get_function(&GetToolResource);
+  register_upnp_resource_get_function(&examples::GetInstalledResource);
   upnp_client_db_init();
   int status = kExitOk;
   switch (request.action) {

@@ -3,12 +3,11 @@
 #include <cstring>
 
 #include "clientdb/identify.h"
+#include "platform/detached_thread.h"
 #include "tarnwick/clientdb.h"
 #include "tarnwick/platform.h"
 
 namespace {
-
-constexpr int32_t kAliveThreadLevel = 5;
 
 // Hands a finding over to an output pointer the caller may have left null.
 void Give(char** out, char* value) noexcept {
@@ -39,9 +38,8 @@ TW_API void upnp_client_db_add_by_ssdp_alive(const char* packet) noexcept {
   if (packet == nullptr) return;
   char* copy = upnp_strdup_impl(packet);
   if (copy == nullptr) return;
-  if (upnp_start_thread(upnp_client_db_check_client, copy, kAliveThreadLevel) != 0) {
-    // Only a detach error comes back; the thread runs and frees its copy itself.
-  }
+  // The thread owns the copy and frees it; it must run exactly once.
+  if (!tw::platform::StartDetachedThread(upnp_client_db_check_client, copy)) upnp_free_impl(copy);
 }
 
 TW_API void* upnp_client_db_check_client(void* packet) noexcept {

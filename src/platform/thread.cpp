@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/detached_thread.h"
 #include "platform/log_hook.h"
 #include "platform/thread_internal.h"
 #include "tarnwick/platform.h"
@@ -46,6 +47,17 @@ int ThreadPriorityForLevel(int32_t level) noexcept {
 
 void SetThreadCreateForTesting(ThreadCreateFn fn) noexcept {
   g_create.store(fn, std::memory_order_release);
+}
+
+bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept {
+  pthread_attr_t attr;
+  if (pthread_attr_init(&attr) != 0) return false;
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attr, kThreadStackBytes);
+  pthread_t thread = 0;
+  const int rc = CreateThread(&thread, &attr, routine, arg);
+  pthread_attr_destroy(&attr);
+  return rc == 0;
 }
 
 pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level) noexcept {

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -19,6 +20,7 @@
 
 #include "clientdb_fixture.h"
 #include "core/network_match.h"
+#include "platform/thread_internal.h"
 
 namespace tw::test {
 namespace {
@@ -202,11 +204,12 @@ class DescriptionServer {
       while (poll(&p, 1, 3000) == 1) {
         const int peer = accept(fd_, nullptr, nullptr);
         if (peer < 0) break;
+        // Counted before answering: the client may be done before this thread runs again.
+        served_.fetch_add(1);
         char head[4096];
         (void)recv(peer, head, sizeof(head), 0);
         send(peer, reply.data(), reply.size(), MSG_NOSIGNAL);
         close(peer);
-        served_.fetch_add(1);
       }
     });
   }
@@ -295,6 +298,19 @@ TEST_F(IdentifyTest, AliveAnnouncementsMakeOneRecordPerDevice) {
     upnp_client_db_check_client(upnp_strdup_impl(ignored.c_str()));
   }
   EXPECT_EQ(server.served(), 1);
+}
+
+// The announcement thread owns its copy of the packet: freed by the thread, or at once when no
+// thread starts.
+TEST_F(IdentifyTest, AnnouncementThreadsOwnTheirCopy) {
+  const uint32_t before = upnp_mem_used();
+  tw::platform::SetThreadCreateForTesting(
+      [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; });
+  upnp_client_db_add_by_ssdp_alive("NOTIFY * HTTP/1.1\r\n\r\n");
+  tw::platform::SetThreadCreateForTesting(nullptr);
+  EXPECT_EQ(upnp_mem_used(), before);
+  upnp_client_db_add_by_ssdp_alive("NOTIFY * HTTP/1.1\r\n\r\n");  // no location: ends at once
+  EXPECT_TRUE(WaitFor([&] { return upnp_mem_used() == before; }));
 }
 
 // Request threads, announcement threads and table edits at once for ten seconds; the file stays a
