@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "../shared/installed_resources.h"
 #include "host.h"
 #include "tarnwick/clientdb.h"
 #include "tarnwick/config.h"
@@ -20,7 +21,6 @@
 #include "tarnwick/platform.h"
 #include "tarnwick/server.h"
 #include "tarnwick/ssdp.h"
-#include "../shared/installed_resources.h"
 
 namespace mediaserver {
 namespace {

@@ -20,8 +20,8 @@
 #include <system_error>
 #include <vector>
 
-#include "tarnwick/clientdb.h"
 #include "../shared/installed_resources.h"
+#include "tarnwick/clientdb.h"
 #include "tarnwick/config.h"
 #include "tarnwick/core.h"
 #include "tarnwick/log.h"
