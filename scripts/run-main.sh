@@ -45,7 +45,7 @@ trap stop INT TERM
 
 if command -v curl > /dev/null 2>&1; then
   i=0
-  until curl -s -o /dev/null "${url}index.html"; do
+  until curl -s -o /dev/null "${url}"; do
     i=$((i + 1))
     if [ $i -gt 50 ]; then echo "run-main: the server did not answer" >&2; break; fi
     sleep 0.1

@@ -67,7 +67,7 @@ std::string DeviceDescription() {
   }
   xml +=
       "    </serviceList>\r\n"
-      "    <presentationURL>/index.html</presentationURL>\r\n"
+      "    <presentationURL>/</presentationURL>\r\n"
       "  </device>\r\n"
       "</root>\r\n";
   return xml;

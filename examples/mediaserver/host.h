@@ -21,12 +21,22 @@ void SetSettings(const Settings& settings);
 // Prints one host line to standard output ("mediaserver: ..."); thread-safe.
 void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// description.cpp: the device description, the service documents and their control URLs.
+// Where each part lives (one file each, registered before upnp_server_start):
+// description.cpp: the device description and the two service documents (SCPDs).
 void RegisterDescriptionHandlers();
-// folder.cpp: "/files/<name>" with byte ranges, and the index page at "/index.html".
-void RegisterFolderHandlers();
+// content_directory.cpp: Browse, Search and the other ContentDirectory actions.
+void RegisterContentDirectory();
+// connection_manager.cpp: the ConnectionManager actions.
+void RegisterConnectionManager();
+// The ConnectionManager's source protocol list (GetProtocolInfo and its initial event).
+std::string SourceProtocolInfo();
+// streaming.cpp: the items' resources under "/media/", with byte ranges and DLNA headers.
+void RegisterStreamingHandlers();
+// status_page.cpp: the page at "/" (the server, its folders and the client devices it knows).
+void RegisterStatusPage();
 // discovery.cpp: answers M-SEARCH requests, passes alive announcements to the client database.
 void RegisterSearchHandler();
+// eventing.h: SUBSCRIBE/UNSUBSCRIBE and the events of both services.
 
 // Text helpers shared by the handlers.
 std::string XmlEscape(const std::string& text);

@@ -13,7 +13,9 @@
 #include <string>
 
 #include "../shared/installed_resources.h"
+#include "eventing.h"
 #include "host.h"
+#include "library.h"
 #include "tarnwick/clientdb.h"
 #include "tarnwick/config.h"
 #include "tarnwick/http.h"
@@ -103,8 +105,13 @@ int main(int argc, char** argv) {
     return kExitFailed;
   }
 
+  SetSharedFolder(settings.folder, settings.friendly_name);
   RegisterDescriptionHandlers();
-  RegisterFolderHandlers();
+  RegisterContentDirectory();
+  RegisterConnectionManager();
+  RegisterEventHandlers();
+  RegisterStreamingHandlers();
+  RegisterStatusPage();
   RegisterSearchHandler();
   upnp_ssdp_isMediaServer();
   std::signal(SIGINT, OnSignal);

@@ -51,7 +51,7 @@ bool SendBody(HttpRequest* request, upnp_file* file, int64_t offset, int64_t len
 int32_t OnFile(HttpRequest* request) {
   std::string name = request->url + std::strlen(kFilesPrefix);
   name = name.substr(0, name.find('?'));
-  if (name.empty()) return upnp_http_redirect(request, "/index.html");
+  if (name.empty()) return upnp_http_redirect(request, "/");
   if (name.find("..") != std::string::npos || name.find('/') != std::string::npos) {
     // Nothing outside the folder, and no sub-folders. (The library's status table has no 403.)
     Say("refused %s", request->url);
@@ -90,36 +90,11 @@ int32_t OnFile(HttpRequest* request) {
   return result;
 }
 
-int32_t OnIndex(HttpRequest* request) {
-  const Settings& settings = CurrentSettings();
-  std::string html =
-      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>" +
-      XmlEscape(settings.friendly_name) + "</title></head><body>\n<h1>" +
-      XmlEscape(settings.friendly_name) + "</h1>\n<p>Sharing " + XmlEscape(settings.folder) +
-      " &middot; <a href=\"/TMSDeviceDescription.xml\">device description</a></p>\n<ul>\n";
-  int listed = 0;
-  for (upnp_find_handle* entry = upnp_file_find_first_file(settings.folder.c_str());
-       entry != nullptr; entry = upnp_file_find_next_file(entry)) {
-    if (upnp_file_find_is_dir(entry) != 0) continue;
-    const std::string name = upnp_file_find_get_name(entry);
-    html += "<li><a href=\"" + std::string(kFilesPrefix) + UrlEscape(name) + "\">" +
-            XmlEscape(name) + "</a></li>\n";
-    ++listed;
-  }
-  if (listed == 0) html += "<li>(no files)</li>\n";
-  html += "</ul>\n</body></html>\n";
-  request->mime_type = "text/html; charset=utf-8";
-  request->content_length = static_cast<int64_t>(html.size());
-  return HTTP_send(request, html.c_str());
-}
-
 }  // namespace
 
-void RegisterFolderHandlers() {
+void RegisterStreamingHandlers() {
   const uint32_t get = HTTP_METHOD_GET | HTTP_METHOD_HEAD;
   upnp_http_register_handler(&OnFile, get, kFilesPrefix, 0, 0);
-  upnp_http_register_handler(&OnIndex, get, "/index.html", 0, 0);
-  upnp_http_set_default_url("/index.html");
 }
 
 }  // namespace mediaserver

@@ -1,0 +1,327 @@
+// SPDX-License-Identifier: Apache-2.0
+// The shared folder as ContentDirectory objects: IDs, lookups, listings and change detection.
+// Everything on disk is read through the library's file layer; symbolic links are neither
+// listed nor followed, so the tree shown is exactly the tree under the folder.
+#include "library.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "tarnwick/http.h"
+#include "tarnwick/platform.h"
+
+namespace mediaserver {
+namespace {
+
+constexpr size_t kMaxDepth = 32;             // deeper folders are not shown
+constexpr size_t kMaxFoldersWatched = 4096;  // CheckForChanges looks at no more than these
+constexpr size_t kMaxCachedProbes = 20000;   // the header cache starts over beyond this
+
+struct Shared {
+  std::mutex mutex;
+  std::string folder;
+  std::string root_title;
+  uint32_t update_id = 1;
+  uint64_t signature = 0;
+  bool signature_taken = false;
+  struct Probe {
+    int64_t size;
+    int64_t modified;
+    MediaInfo info;
+  };
+  std::map<std::string, Probe> probes;
+};
+
+Shared& State() {
+  static Shared* state = new Shared();  // lives as long as the process: handlers may still run
+  return *state;
+}
+
+bool IsShownItem(const char* mime_type) { return KindOfMimeType(mime_type) != MediaKind::kOther; }
+
+// The header facts of an item, probed once per size and modification time.
+MediaInfo CachedProbe(const std::string& path, int64_t size, int64_t modified,
+                      const char* mime_type) {
+  Shared& state = State();
+  {
+    std::lock_guard<std::mutex> lock(state.mutex);
+    const auto found = state.probes.find(path);
+    if (found != state.probes.end() && found->second.size == size &&
+        found->second.modified == modified) {
+      return found->second.info;
+    }
+  }
+  const MediaInfo info = ProbeMedia(path.c_str(), mime_type);  // outside the lock: file I/O
+  std::lock_guard<std::mutex> lock(state.mutex);
+  if (state.probes.size() >= kMaxCachedProbes) state.probes.clear();
+  state.probes[path] = Shared::Probe{size, modified, info};
+  return info;
+}
+
+std::string Folder() {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  return State().folder;
+}
+
+std::string JoinRelative(const std::string& parent, const std::string& name) {
+  return parent.empty() ? name : parent + "/" + name;
+}
+
+// Fills an object from a directory entry; false when the entry is not shown.
+bool MakeObject(const std::string& relative, const std::string& name, bool is_dir,
+                const std::string& parent_id, Object* out) {
+  const std::string path = Folder() + "/" + relative;
+  upnp_stat info{};
+  if (upnp_file_stat(path.c_str(), &info) != 0) return false;
+  Object object;
+  object.id = IdOfRelativePath(relative);
+  object.parent_id = parent_id;
+  object.title = name;
+  object.path = path;
+  object.modified = info.mtime;
+  if (is_dir) {
+    if ((info.mode & UPNP_S_IFMT) != UPNP_S_IFDIR) return false;
+    object.container = true;
+  } else {
+    if ((info.mode & UPNP_S_IFMT) != UPNP_S_IFREG) return false;
+    object.mime_type = HTTP_get_mime_type(nullptr, HTTP_get_extension(name.c_str()));
+    if (!IsShownItem(object.mime_type)) return false;
+    object.size = static_cast<int64_t>(info.size);
+    object.media = CachedProbe(path, object.size, object.modified, object.mime_type);
+  }
+  *out = std::move(object);
+  return true;
+}
+
+struct Entry {
+  std::string name;
+  bool is_dir;
+};
+
+// The shown entries of a directory (no links, no hidden names), containers first, by name.
+std::vector<Entry> ReadDirectory(const std::string& path) {
+  std::vector<Entry> entries;
+  for (upnp_find_handle* handle = upnp_file_find_first_file(path.c_str()); handle != nullptr;
+       handle = upnp_file_find_next_file(handle)) {
+    if (upnp_file_find_is_link(handle) != 0) continue;
+    entries.push_back(Entry{upnp_file_find_get_name(handle), upnp_file_find_is_dir(handle) != 0});
+  }
+  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    return a.is_dir != b.is_dir ? a.is_dir : a.name < b.name;
+  });
+  return entries;
+}
+
+size_t Depth(const std::string& relative) {
+  return relative.empty()
+             ? 0
+             : static_cast<size_t>(std::count(relative.begin(), relative.end(), '/')) + 1;
+}
+
+void CountChildren(Object* container, const std::string& relative) {
+  int32_t count = 0;
+  if (Depth(relative) < kMaxDepth) {
+    for (const Entry& entry : ReadDirectory(container->path)) {
+      if (entry.is_dir) {
+        ++count;
+      } else if (IsShownItem(HTTP_get_mime_type(nullptr, HTTP_get_extension(entry.name.c_str())))) {
+        ++count;
+      }
+    }
+  }
+  container->child_count = count;
+}
+
+// Mixes a directory's path and modification time into a running signature (FNV-1a).
+uint64_t Mix(uint64_t hash, const void* data, size_t length) {
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  for (size_t i = 0; i < length; ++i) hash = (hash ^ bytes[i]) * 0x100000001b3ULL;
+  return hash;
+}
+
+uint64_t TreeSignature(const std::string& folder) {
+  uint64_t hash = 0xcbf29ce484222325ULL;
+  std::vector<std::pair<std::string, size_t>> pending{{folder, 0}};
+  size_t seen = 0;
+  while (!pending.empty() && seen < kMaxFoldersWatched) {
+    const auto [path, depth] = pending.back();
+    pending.pop_back();
+    ++seen;
+    upnp_stat info{};
+    if (upnp_file_stat(path.c_str(), &info) != 0) continue;
+    hash = Mix(hash, path.data(), path.size());
+    hash = Mix(hash, &info.mtime, sizeof(info.mtime));
+    if (depth + 1 >= kMaxDepth) continue;
+    for (const Entry& entry : ReadDirectory(path)) {
+      if (entry.is_dir) pending.emplace_back(path + "/" + entry.name, depth + 1);
+    }
+  }
+  return hash;
+}
+
+}  // namespace
+
+void SetSharedFolder(const std::string& folder, const std::string& root_title) {
+  Shared& state = State();
+  std::string cleaned = folder;
+  while (cleaned.size() > 1 && cleaned.back() == '/') cleaned.pop_back();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.folder = cleaned;
+  state.root_title = root_title;
+  state.probes.clear();
+  state.signature_taken = false;
+}
+
+std::string IdOfRelativePath(const std::string& relative) {
+  if (relative.empty()) return kRootId;
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string id;
+  id.reserve(relative.size() * 2);
+  for (const char c : relative) {
+    const auto byte = static_cast<unsigned char>(c);
+    id += kHex[byte >> 4];
+    id += kHex[byte & 15];
+  }
+  return id;
+}
+
+bool RelativePathOfId(const std::string& id, std::string* relative) {
+  relative->clear();
+  if (id == kRootId) return true;
+  if (id.empty() || id.size() % 2 != 0 || id.size() > 8192) return false;
+  const auto nibble = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;  // upper case too: one spelling per object
+  };
+  std::string path;
+  for (size_t i = 0; i < id.size(); i += 2) {
+    const int high = nibble(id[i]);
+    const int low = nibble(id[i + 1]);
+    if (high < 0 || low < 0) return false;
+    const char c = static_cast<char>(high * 16 + low);
+    if (c == '\0' || c == '\\') return false;
+    path += c;
+  }
+  // Every component must be a plain name: no "", ".", ".." (nor any hidden name, which the
+  // listings never show either).
+  size_t start = 0;
+  while (start <= path.size()) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    if (end == start || path[start] == '.') return false;
+    start = end + 1;
+  }
+  *relative = path;
+  return true;
+}
+
+bool FindObject(const std::string& id, Object* out) {
+  std::string relative;
+  if (!RelativePathOfId(id, &relative)) return false;
+  const std::string folder = Folder();
+  if (folder.empty()) return false;
+  if (relative.empty()) {
+    Object root;
+    root.id = kRootId;
+    root.parent_id = kRootParentId;
+    {
+      std::lock_guard<std::mutex> lock(State().mutex);
+      root.title = State().root_title;
+    }
+    root.path = folder;
+    root.container = true;
+    upnp_stat info{};
+    if (upnp_file_stat(folder.c_str(), &info) != 0) return false;
+    root.modified = info.mtime;
+    CountChildren(&root, relative);
+    *out = std::move(root);
+    return true;
+  }
+  if (Depth(relative) > kMaxDepth) return false;
+  // Walk down component by component through the listings, so that only entries a listing
+  // shows (no links, no hidden names) can be reached.
+  std::string walked;
+  std::string parent_id = kRootId;
+  size_t start = 0;
+  while (true) {
+    const size_t end = std::min(relative.find('/', start), relative.size());
+    const std::string name = relative.substr(start, end - start);
+    const bool last = end == relative.size();
+    const std::vector<Entry> entries =
+        ReadDirectory(walked.empty() ? folder : folder + "/" + walked);
+    const auto found = std::find_if(entries.begin(), entries.end(),
+                                    [&](const Entry& e) { return e.name == name; });
+    if (found == entries.end() || (!last && !found->is_dir)) return false;
+    const std::string here = JoinRelative(walked, name);
+    if (last) {
+      if (!MakeObject(here, name, found->is_dir, parent_id, out)) return false;
+      if (out->container) CountChildren(out, here);
+      return true;
+    }
+    parent_id = IdOfRelativePath(here);
+    walked = here;
+    start = end + 1;
+  }
+}
+
+bool ListChildren(const Object& container, std::vector<Object>* out) {
+  out->clear();
+  if (!container.container) return false;
+  std::string relative;
+  if (!RelativePathOfId(container.id, &relative)) return false;
+  if (Depth(relative) >= kMaxDepth) return true;
+  for (const Entry& entry : ReadDirectory(container.path)) {
+    Object object;
+    const std::string child = JoinRelative(relative, entry.name);
+    if (!MakeObject(child, entry.name, entry.is_dir, container.id, &object)) continue;
+    if (object.container) CountChildren(&object, child);
+    out->push_back(std::move(object));
+  }
+  return true;
+}
+
+void ListItemsBelow(const Object& container, size_t limit, std::vector<Object>* out) {
+  out->clear();
+  std::vector<Object> pending{container};
+  while (!pending.empty() && out->size() < limit) {
+    const Object folder = std::move(pending.back());
+    pending.pop_back();
+    std::vector<Object> children;
+    if (!ListChildren(folder, &children)) continue;
+    // Sub-folders are visited in name order: pushed in reverse.
+    for (auto it = children.rbegin(); it != children.rend(); ++it) {
+      if (it->container) pending.push_back(*it);
+    }
+    for (Object& child : children) {
+      if (child.container) continue;
+      if (out->size() >= limit) break;
+      out->push_back(std::move(child));
+    }
+  }
+}
+
+uint32_t SystemUpdateId() {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  return State().update_id;
+}
+
+bool CheckForChanges() {
+  const std::string folder = Folder();
+  if (folder.empty()) return false;
+  const uint64_t signature = TreeSignature(folder);
+  Shared& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  if (!state.signature_taken) {
+    state.signature = signature;
+    state.signature_taken = true;
+    return false;
+  }
+  if (signature == state.signature) return false;
+  state.signature = signature;
+  ++state.update_id;
+  return true;
+}
+
+}  // namespace mediaserver

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// The shared folder seen as ContentDirectory objects. Folders are containers, media files
+// (audio, video, pictures) items; hidden entries and other files are not shown.
+//
+// Object IDs: "0" is the shared folder itself; every other object's ID is the lower-case hex
+// of its path relative to the folder ("Music/a.mp3" is "4d757369632f612e6d7033"). IDs are
+// therefore stable across restarts, never contain characters that need escaping in XML, URLs
+// or the DLNA markers of resource URLs, and are checked component by component when resolved:
+// "..", ".", empty components, NUL and backslashes are refused, so no ID names a file outside
+// the folder.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "media_probe.h"
+
+namespace mediaserver {
+
+constexpr char kRootId[] = "0";
+constexpr char kRootParentId[] = "-1";
+
+struct Object {
+  std::string id;
+  std::string parent_id;  // kRootParentId for the root
+  std::string title;      // the file or folder name (the folder's friendly name for the root)
+  std::string path;       // where it is on disk
+  bool container = false;
+  int64_t size = 0;                 // items: bytes
+  int64_t modified = 0;             // seconds since 1970 (UTC)
+  int32_t child_count = 0;          // containers: the objects ListChildren gives
+  const char* mime_type = nullptr;  // items: from the library's MIME table (static text)
+  MediaInfo media;                  // items: what the header says (cached)
+};
+
+// Sets the shared folder (before the servers start).
+void SetSharedFolder(const std::string& folder, const std::string& root_title);
+
+// The object with this ID; false when the ID is malformed, tries to leave the folder, or names
+// nothing that is shown.
+bool FindObject(const std::string& id, Object* out);
+
+// The children of a container: containers first, then items, each group by name. False when
+// the object is not a container or the folder cannot be read.
+bool ListChildren(const Object& container, std::vector<Object>* out);
+
+// Every item below a container, depth first, at most `limit` of them (Search).
+void ListItemsBelow(const Object& container, size_t limit, std::vector<Object>* out);
+
+// The ContentDirectory's SystemUpdateID: starts at 1 and grows whenever CheckForChanges sees
+// the shared tree change.
+uint32_t SystemUpdateId();
+
+// Compares the modification times of the shared folders with the last look; true (and a new
+// SystemUpdateID) when something changed. Cheap enough to call every few seconds.
+bool CheckForChanges();
+
+// The hex ID of a relative path and back (exposed for the tests).
+std::string IdOfRelativePath(const std::string& relative);
+bool RelativePathOfId(const std::string& id, std::string* relative);
+
+}  // namespace mediaserver
