@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The MediaServer device description at "/TMSDeviceDescription.xml" (the path the library
-// announces for the media-server role), minimal service documents, and control and event URLs
-// that refuse politely: browsing is not part of this example yet.
+// announces for the media-server role) and the service documents of its two services. The
+// control URLs belong to content_directory.cpp and connection_manager.cpp, the event URLs to
+// eventing.cpp.
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "host.h"
 #include "tarnwick/http.h"
@@ -33,6 +35,8 @@ std::string DeviceDescription() {
       "  <specVersion><major>1</major><minor>0</minor></specVersion>\r\n"
       "  <device>\r\n"
       "    <deviceType>urn:schemas-upnp-org:device:MediaServer:1</deviceType>\r\n"
+      "    <dlna:X_DLNADOC "
+      "xmlns:dlna=\"urn:schemas-dlna-org:device-1-0\">DMS-1.50</dlna:X_DLNADOC>\r\n"
       "    <friendlyName>" +
       XmlEscape(settings.friendly_name) +
       "</friendlyName>\r\n"
@@ -73,29 +77,144 @@ std::string DeviceDescription() {
   return xml;
 }
 
-// A service document without actions: valid, and honest about what is implemented.
-constexpr char kScpd[] =
-    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"
-    "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">\r\n"
-    "  <specVersion><major>1</major><minor>0</minor></specVersion>\r\n"
-    "  <actionList/>\r\n"
-    "  <serviceStateTable>\r\n"
-    "    <stateVariable sendEvents=\"no\">\r\n"
-    "      <name>A_ARG_TYPE_Dummy</name>\r\n"
-    "      <dataType>string</dataType>\r\n"
-    "    </stateVariable>\r\n"
-    "  </serviceStateTable>\r\n"
-    "</scpd>\r\n";
+// ---- Service documents ----------------------------------------------------------------------
+// Each SCPD is written from two tables: the actions with their arguments, and the state
+// variables the arguments refer to.
 
-// UPnP error 401 (Invalid Action) as a SOAP fault with HTTP status 500.
-constexpr char kInvalidAction[] =
-    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"
-    "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-    "s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\">\r\n"
-    "<s:Body><s:Fault><faultcode>s:Client</faultcode><faultstring>UPnPError</faultstring>"
-    "<detail><UPnPError xmlns=\"urn:schemas-upnp-org:control-1-0\"><errorCode>401</errorCode>"
-    "<errorDescription>Invalid Action</errorDescription></UPnPError></detail></s:Fault>"
-    "</s:Body></s:Envelope>\r\n";
+struct Argument {
+  const char* name;
+  bool out;
+  const char* variable;
+};
+struct Action {
+  const char* name;
+  std::vector<Argument> arguments;
+};
+struct Variable {
+  const char* name;
+  const char* type;
+  bool evented;
+  std::vector<const char*> allowed;
+};
+struct ServiceDocument {
+  std::vector<Action> actions;
+  std::vector<Variable> variables;
+};
+
+const ServiceDocument& ContentDirectoryDocument() {
+  static const ServiceDocument document{
+      {
+          {"Browse",
+           {{"ObjectID", false, "A_ARG_TYPE_ObjectID"},
+            {"BrowseFlag", false, "A_ARG_TYPE_BrowseFlag"},
+            {"Filter", false, "A_ARG_TYPE_Filter"},
+            {"StartingIndex", false, "A_ARG_TYPE_Index"},
+            {"RequestedCount", false, "A_ARG_TYPE_Count"},
+            {"SortCriteria", false, "A_ARG_TYPE_SortCriteria"},
+            {"Result", true, "A_ARG_TYPE_Result"},
+            {"NumberReturned", true, "A_ARG_TYPE_Count"},
+            {"TotalMatches", true, "A_ARG_TYPE_Count"},
+            {"UpdateID", true, "A_ARG_TYPE_UpdateID"}}},
+          {"Search",
+           {{"ContainerID", false, "A_ARG_TYPE_ObjectID"},
+            {"SearchCriteria", false, "A_ARG_TYPE_SearchCriteria"},
+            {"Filter", false, "A_ARG_TYPE_Filter"},
+            {"StartingIndex", false, "A_ARG_TYPE_Index"},
+            {"RequestedCount", false, "A_ARG_TYPE_Count"},
+            {"SortCriteria", false, "A_ARG_TYPE_SortCriteria"},
+            {"Result", true, "A_ARG_TYPE_Result"},
+            {"NumberReturned", true, "A_ARG_TYPE_Count"},
+            {"TotalMatches", true, "A_ARG_TYPE_Count"},
+            {"UpdateID", true, "A_ARG_TYPE_UpdateID"}}},
+          {"GetSearchCapabilities", {{"SearchCaps", true, "SearchCapabilities"}}},
+          {"GetSortCapabilities", {{"SortCaps", true, "SortCapabilities"}}},
+          {"GetSystemUpdateID", {{"Id", true, "SystemUpdateID"}}},
+      },
+      {
+          {"A_ARG_TYPE_ObjectID", "string", false, {}},
+          {"A_ARG_TYPE_Result", "string", false, {}},
+          {"A_ARG_TYPE_BrowseFlag", "string", false, {"BrowseMetadata", "BrowseDirectChildren"}},
+          {"A_ARG_TYPE_Filter", "string", false, {}},
+          {"A_ARG_TYPE_SortCriteria", "string", false, {}},
+          {"A_ARG_TYPE_SearchCriteria", "string", false, {}},
+          {"A_ARG_TYPE_Index", "ui4", false, {}},
+          {"A_ARG_TYPE_Count", "ui4", false, {}},
+          {"A_ARG_TYPE_UpdateID", "ui4", false, {}},
+          {"SearchCapabilities", "string", false, {}},
+          {"SortCapabilities", "string", false, {}},
+          {"SystemUpdateID", "ui4", true, {}},
+          {"ContainerUpdateIDs", "string", true, {}},
+          {"TransferIDs", "string", true, {}},
+      }};
+  return document;
+}
+
+const ServiceDocument& ConnectionManagerDocument() {
+  static const ServiceDocument document{
+      {
+          {"GetProtocolInfo",
+           {{"Source", true, "SourceProtocolInfo"}, {"Sink", true, "SinkProtocolInfo"}}},
+          {"GetCurrentConnectionIDs", {{"ConnectionIDs", true, "CurrentConnectionIDs"}}},
+          {"GetCurrentConnectionInfo",
+           {{"ConnectionID", false, "A_ARG_TYPE_ConnectionID"},
+            {"RcsID", true, "A_ARG_TYPE_RcsID"},
+            {"AVTransportID", true, "A_ARG_TYPE_AVTransportID"},
+            {"ProtocolInfo", true, "A_ARG_TYPE_ProtocolInfo"},
+            {"PeerConnectionManager", true, "A_ARG_TYPE_ConnectionManager"},
+            {"PeerConnectionID", true, "A_ARG_TYPE_ConnectionID"},
+            {"Direction", true, "A_ARG_TYPE_Direction"},
+            {"Status", true, "A_ARG_TYPE_ConnectionStatus"}}},
+      },
+      {
+          {"SourceProtocolInfo", "string", true, {}},
+          {"SinkProtocolInfo", "string", true, {}},
+          {"CurrentConnectionIDs", "string", true, {}},
+          {"A_ARG_TYPE_ConnectionStatus",
+           "string",
+           false,
+           {"OK", "ContentFormatMismatch", "InsufficientBandwidth", "UnreliableChannel",
+            "Unknown"}},
+          {"A_ARG_TYPE_ConnectionManager", "string", false, {}},
+          {"A_ARG_TYPE_Direction", "string", false, {"Input", "Output"}},
+          {"A_ARG_TYPE_ProtocolInfo", "string", false, {}},
+          {"A_ARG_TYPE_ConnectionID", "i4", false, {}},
+          {"A_ARG_TYPE_AVTransportID", "i4", false, {}},
+          {"A_ARG_TYPE_RcsID", "i4", false, {}},
+      }};
+  return document;
+}
+
+std::string Scpd(const ServiceDocument& document) {
+  std::string xml =
+      "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"
+      "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">\r\n"
+      "  <specVersion><major>1</major><minor>0</minor></specVersion>\r\n"
+      "  <actionList>\r\n";
+  for (const Action& action : document.actions) {
+    xml += "    <action><name>" + std::string(action.name) + "</name><argumentList>\r\n";
+    for (const Argument& argument : action.arguments) {
+      xml += "      <argument><name>" + std::string(argument.name) + "</name><direction>" +
+             (argument.out ? "out" : "in") + "</direction><relatedStateVariable>" +
+             argument.variable + "</relatedStateVariable></argument>\r\n";
+    }
+    xml += "    </argumentList></action>\r\n";
+  }
+  xml += "  </actionList>\r\n  <serviceStateTable>\r\n";
+  for (const Variable& variable : document.variables) {
+    xml += "    <stateVariable sendEvents=\"" + std::string(variable.evented ? "yes" : "no") +
+           "\"><name>" + variable.name + "</name><dataType>" + variable.type + "</dataType>";
+    if (!variable.allowed.empty()) {
+      xml += "<allowedValueList>";
+      for (const char* value : variable.allowed) {
+        xml += "<allowedValue>" + std::string(value) + "</allowedValue>";
+      }
+      xml += "</allowedValueList>";
+    }
+    xml += "</stateVariable>\r\n";
+  }
+  xml += "  </serviceStateTable>\r\n</scpd>\r\n";
+  return xml;
+}
 
 int32_t SendText(HttpRequest* request, const char* text, size_t length) {
   request->mime_type = kXmlType;
@@ -108,11 +227,14 @@ int32_t OnDescription(HttpRequest* request) {
   return SendText(request, xml.c_str(), xml.size());
 }
 
-int32_t OnScpd(HttpRequest* request) { return SendText(request, kScpd, sizeof(kScpd) - 1); }
+int32_t OnContentDirectoryScpd(HttpRequest* request) {
+  static const std::string xml = Scpd(ContentDirectoryDocument());
+  return SendText(request, xml.c_str(), xml.size());
+}
 
-int32_t OnControl(HttpRequest* request) {
-  request->mime_type = kXmlType;
-  return HTTP_send_error_message(request, 500, kInvalidAction);
+int32_t OnConnectionManagerScpd(HttpRequest* request) {
+  static const std::string xml = Scpd(ConnectionManagerDocument());
+  return SendText(request, xml.c_str(), xml.size());
 }
 
 }  // namespace
@@ -120,12 +242,8 @@ int32_t OnControl(HttpRequest* request) {
 void RegisterDescriptionHandlers() {
   const uint32_t get = HTTP_METHOD_GET | HTTP_METHOD_HEAD;
   upnp_http_register_handler(&OnDescription, get, "/TMSDeviceDescription.xml", 0, 0);
-  for (const Service& service : kServices) {
-    const std::string base = std::string("/") + service.base;
-    upnp_http_register_handler(&OnScpd, get, (base + "/scpd.xml").c_str(), 0, 0);
-    upnp_http_register_handler(&OnControl, HTTP_METHOD_POST, (base + "/Control").c_str(), 1, 0);
-    // The event URLs are left to the library's 404: nothing here sends events yet.
-  }
+  upnp_http_register_handler(&OnContentDirectoryScpd, get, "/ContentDirectory/scpd.xml", 0, 0);
+  upnp_http_register_handler(&OnConnectionManagerScpd, get, "/ConnectionManager/scpd.xml", 0, 0);
 }
 
 std::string XmlEscape(const std::string& text) {

@@ -25,6 +25,10 @@ struct DlnaParameters {
 };
 DlnaParameters DlnaParametersOf(const Object& item);
 
+// "object.container.storageFolder", "object.item.audioItem.musicTrack", "object.item.videoItem",
+// "object.item.imageItem.photo", or "object.item".
+const char* UpnpClassOf(const Object& object);
+
 // "http-get:*:MIME:DLNA.ORG_PN=..;DLNA.ORG_OP=..;DLNA.ORG_FLAGS=.." for the item and client.
 std::string ProtocolInfoOf(const Object& item, const ClientContext& client);
 

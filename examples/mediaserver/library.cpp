@@ -4,6 +4,8 @@
 // listed nor followed, so the tree shown is exactly the tree under the folder.
 #include "library.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -88,6 +90,9 @@ bool MakeObject(const std::string& relative, const std::string& name, bool is_di
     if ((info.mode & UPNP_S_IFMT) != UPNP_S_IFREG) return false;
     object.mime_type = HTTP_get_mime_type(nullptr, HTTP_get_extension(name.c_str()));
     if (!IsShownItem(object.mime_type)) return false;
+    // Players show the title: the name without its extension (which the MIME type stands for).
+    const size_t dot = name.rfind('.');
+    if (dot != std::string::npos && dot > 0) object.title = name.substr(0, dot);
     object.size = static_cast<int64_t>(info.size);
     object.media = CachedProbe(path, object.size, object.modified, object.mime_type);
   }
@@ -108,8 +113,11 @@ std::vector<Entry> ReadDirectory(const std::string& path) {
     if (upnp_file_find_is_link(handle) != 0) continue;
     entries.push_back(Entry{upnp_file_find_get_name(handle), upnp_file_find_is_dir(handle) != 0});
   }
+  // As people read names: case ignored (bytes decide between names equal but for case).
   std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-    return a.is_dir != b.is_dir ? a.is_dir : a.name < b.name;
+    if (a.is_dir != b.is_dir) return a.is_dir;
+    const int order = strcasecmp(a.name.c_str(), b.name.c_str());
+    return order != 0 ? order < 0 : a.name < b.name;
   });
   return entries;
 }
@@ -153,9 +161,13 @@ uint64_t TreeSignature(const std::string& folder) {
     if (upnp_file_stat(path.c_str(), &info) != 0) continue;
     hash = Mix(hash, path.data(), path.size());
     hash = Mix(hash, &info.mtime, sizeof(info.mtime));
-    if (depth + 1 >= kMaxDepth) continue;
+    // Names too: a file added or removed within the second of the last look leaves the
+    // directory's time (in whole seconds) as it was.
     for (const Entry& entry : ReadDirectory(path)) {
-      if (entry.is_dir) pending.emplace_back(path + "/" + entry.name, depth + 1);
+      hash = Mix(hash, entry.name.c_str(), entry.name.size() + 1);
+      if (entry.is_dir && depth + 1 < kMaxDepth) {
+        pending.emplace_back(path + "/" + entry.name, depth + 1);
+      }
     }
   }
   return hash;

@@ -24,7 +24,8 @@ constexpr char kRootParentId[] = "-1";
 struct Object {
   std::string id;
   std::string parent_id;  // kRootParentId for the root
-  std::string title;      // the file or folder name (the folder's friendly name for the root)
+  std::string title;  // folders: the name (the root: the server's name); items: the name
+                      // without its extension
   std::string path;       // where it is on disk
   bool container = false;
   int64_t size = 0;                 // items: bytes

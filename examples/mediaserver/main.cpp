@@ -7,9 +7,7 @@
 //
 // It runs until SIGINT or SIGTERM, then stops the servers (which sends the byebyes) and exits.
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
-#include <mutex>
 #include <string>
 
 #include "../shared/installed_resources.h"
@@ -30,12 +28,11 @@ namespace {
 constexpr char kDefaultName[] = "Tarnwick Media Server";
 constexpr int32_t kPollMs = 100;
 constexpr int32_t kSettleMs = 100;
+constexpr int64_t kFolderLookMs = 2000;
 constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 
 volatile std::sig_atomic_t g_stop_signal = 0;
-Settings g_settings;
-std::mutex g_say_mutex;
 
 void OnSignal(int signal_number) { g_stop_signal = signal_number; }
 
@@ -61,20 +58,6 @@ bool Configure(int argc, char** argv) {
 }
 
 }  // namespace
-
-const Settings& CurrentSettings() { return g_settings; }
-void SetSettings(const Settings& settings) { g_settings = settings; }
-
-void Say(const char* format, ...) {
-  std::lock_guard<std::mutex> lock(g_say_mutex);
-  std::fputs("mediaserver: ", stdout);
-  va_list arguments;
-  va_start(arguments, format);
-  std::vprintf(format, arguments);
-  va_end(arguments);
-  std::fputc('\n', stdout);
-  std::fflush(stdout);
-}
 
 }  // namespace mediaserver
 
@@ -127,18 +110,27 @@ int main(int argc, char** argv) {
   for (int32_t i = 0; i < g_nInterfaceCount; ++i) {
     const upnp_server_data* record = getHTTPServerData(i);
     if (record != nullptr && record->http_socket != -1) {
-      Say("open http://%s:%d/  (description: http://%s:%d/TMSDeviceDescription.xml)",
+      Say("status page http://%s:%d/  (description: http://%s:%d/TMSDeviceDescription.xml)",
           record->ip_address, static_cast<int>(record->http_port), record->ip_address,
           static_cast<int>(record->http_port));
     }
   }
 
   // The signal handler only sets the flag; everything else happens here.
+  int64_t next_look = 0;
   while (g_stop_signal == 0) {
     Sleep(kPollMs);
-    check_NIC_change(getSystemTime() / 1000);
+    const int64_t now_ms = getSystemTime();
+    check_NIC_change(now_ms / 1000);
+    if (now_ms >= next_look) {
+      // A changed folder means a new SystemUpdateID, which subscribers hear about.
+      if (CheckForChanges()) NotifyContentChanged();
+      ExpireSubscriptions();
+      next_look = now_ms + kFolderLookMs;
+    }
   }
   Say("signal %d: stopping", static_cast<int>(g_stop_signal));
+  StopEventing();
   // The heartbeat sees the stopping state during stop's pause and sends its byebyes then.
   upnp_server_stop(&g_server_running);
   // The listener ends 50 ms after its socket closed; give the detached threads that long before

@@ -12,6 +12,7 @@
 namespace mediaserver {
 
 // UPnP error codes the services answer with (the library's error table has their texts).
+constexpr int32_t kErrorBadRequest = 400;  // no SOAPACTION, or a body that is no envelope
 constexpr int32_t kErrorInvalidAction = 401;
 constexpr int32_t kErrorInvalidArgs = 402;
 constexpr int32_t kErrorActionFailed = 501;

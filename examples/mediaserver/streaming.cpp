@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shared folder over HTTP: "/files/<name>" streams one file of the folder with byte ranges,
-// "/index.html" (also served for "/") lists the folder. Only plain files directly inside the
-// folder are served; a name with ".." or "/" in it is refused.
+// The items' resources: "/media/<object id>-<DLNA markers>/item.<ext>" (didl.h makes them)
+// streams the file with byte ranges. The library composes the DLNA response headers:
+// contentFeatures.dlna.org from the markers, transferMode.dlna.org from the request, and the
+// Content-Range of a 206. Only objects the library shows can be reached: the ID is resolved
+// through the folder's listings, never used as a path.
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "didl.h"
 #include "host.h"
+#include "library.h"
 #include "tarnwick/http.h"
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"
@@ -15,7 +20,7 @@
 namespace mediaserver {
 namespace {
 
-constexpr char kFilesPrefix[] = "/files/";
+constexpr char kMediaPrefix[] = "/media/";
 constexpr uint32_t kBlockSize = 64 * 1024;
 constexpr int32_t kStatusOk = 200;
 constexpr int32_t kStatusPartial = 206;
@@ -48,23 +53,19 @@ bool SendBody(HttpRequest* request, upnp_file* file, int64_t offset, int64_t len
   return true;
 }
 
-int32_t OnFile(HttpRequest* request) {
-  std::string name = request->url + std::strlen(kFilesPrefix);
-  name = name.substr(0, name.find('?'));
-  if (name.empty()) return upnp_http_redirect(request, "/");
-  if (name.find("..") != std::string::npos || name.find('/') != std::string::npos) {
-    // Nothing outside the folder, and no sub-folders. (The library's status table has no 403.)
-    Say("refused %s", request->url);
-    request->mime_type = "text/plain";
-    return HTTP_send_error_code(request, kStatusBadRequest);
-  }
-  const std::string path = CurrentSettings().folder + "/" + name;
-  upnp_stat info{};
-  if (upnp_file_stat(path.c_str(), &info) != 0 || (info.mode & UPNP_S_IFMT) != UPNP_S_IFREG) {
+int32_t OnMedia(HttpRequest* request) {
+  std::string id;
+  Object item;
+  if (!ObjectIdOfResourcePath(request->url, &id) || !FindObject(id, &item) || item.container) {
     return HTTP_send_file_not_found(request);
   }
-  const auto size = static_cast<int64_t>(info.size);
-  request->mime_type = HTTP_get_mime_type(request, HTTP_get_extension(name.c_str()));
+  const std::string& path = item.path;
+  const int64_t size = item.size;
+  // The library asks the client database for a client's own MIME type first.
+  request->mime_type = HTTP_get_mime_type(request, HTTP_get_extension(item.path.c_str()));
+  if (item.media.duration_ms > 0 && item.media.duration_ms <= INT32_MAX) {
+    request->duration_ms = static_cast<int32_t>(item.media.duration_ms);
+  }
   request->content_length = size;
   request->total_size = size;
   HTTP_get_range_header(request);
@@ -94,7 +95,7 @@ int32_t OnFile(HttpRequest* request) {
 
 void RegisterStreamingHandlers() {
   const uint32_t get = HTTP_METHOD_GET | HTTP_METHOD_HEAD;
-  upnp_http_register_handler(&OnFile, get, kFilesPrefix, 0, 0);
+  upnp_http_register_handler(&OnMedia, get, kMediaPrefix, 0, 0);
 }
 
 }  // namespace mediaserver
