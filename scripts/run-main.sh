@@ -23,9 +23,10 @@ Starting tarnwick-mediaserver inside a private, loopback-only network namespace:
 UPnP MediaServer over SSDP and serves the folder $dir/sample, but nothing it sends can leave
 this machine's private namespace.
 
-  Open: $url   (device description: ${url}TMSDeviceDescription.xml)
+  Status page: $url   (device description: ${url}TMSDeviceDescription.xml)
 
-The URL answers inside that namespace; the requests below show it. To open it in a browser on
+The URL answers inside that namespace; the requests below show what a control point sees: a
+Browse of the shared folder and a ranged fetch of one item. To open it in a browser on
 this machine, or to serve a real network, run the binary yourself (see README.md, "The example
 media server"):  $bin -ip 127.0.0.1 -folder $dir/sample
 
@@ -50,8 +51,7 @@ if command -v curl > /dev/null 2>&1; then
     if [ $i -gt 50 ]; then echo "run-main: the server did not answer" >&2; break; fi
     sleep 0.1
   done
-  echo "---- GET ${url}files/numbers.txt, bytes 0-29:"
-  curl -s -i -r 0-29 "${url}files/numbers.txt" | tr -d '\r'
+  python3 scripts/browse-demo.py "$url" || echo "run-main: the demonstration requests failed" >&2
   echo
   echo "---- the server answers; its log follows. Ctrl-C to stop."
 fi
