@@ -338,7 +338,7 @@ class QuirkyClientTest : public MediaServerTest {
   void SetUp() override {
     WriteFile(types_.File("clients.db"),
               "test types\n>>NA:zero\n>>NA:Unknown\n>>NA:Quirky\nHH:QuirkyTV\nXM:IGNORESORT\n"
-              "XM:FORCE_4TH_FIELD\nXM:FORCE_DURATION\nXM:noutf8\n>>\n");
+              "XM:FORCE_4TH_FIELD\nXM:FORCE_DURATION\nXM:noutf8\nMT:wav audio/wav\n>>\n");
     g_types_dir = types_.path();
     register_upnp_resource_get_function(&TypesFromTempDir);
     upnp_client_db_init();
@@ -385,9 +385,13 @@ TEST_F(QuirkyClientTest, QuirksChangeTheAnswer) {
   ASSERT_EQ(quirky.size(), 2u);
   EXPECT_EQ(Titles(quirky), "b|Caf\xe9|");  // listing order kept, Latin-1 instead of UTF-8
   EXPECT_EQ(quirky[1].protocol_info,
-            "http-get:*:audio/x-wav:DLNA.ORG_OP=01;DLNA.ORG_CI=0;"
+            "http-get:*:audio/wav:DLNA.ORG_OP=01;DLNA.ORG_CI=0;"
             "DLNA.ORG_FLAGS=01700000000000000000000000000000");
   EXPECT_EQ(quirky[1].duration, "00:00:00");
+  // The client's own MIME type holds for the stream too.
+  const std::string path = quirky[1].res.substr(quirky[1].res.find("/media/"));
+  EXPECT_EQ(HeaderValue(Get(path, "User-Agent: QuirkyTV\r\n").head, "Content-Type"), "audio/wav");
+  EXPECT_EQ(HeaderValue(Get(path, "User-Agent: other\r\n").head, "Content-Type"), "audio/x-wav");
 }
 
 }  // namespace
