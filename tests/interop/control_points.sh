@@ -110,18 +110,33 @@ CONF
 esac
 echo "server: $kind, $udn at $location"
 
+# The same tree with one byte of the track changed: a client that passed must then report the
+# difference, or its comparison proves nothing.
+cp -R "$share" "$work/altered"
+python3 -c 'import sys; b = bytearray(open(sys.argv[1], "rb").read()); b[1000] ^= 0xff; open(sys.argv[1], "wb").write(b)' \
+  "$work/altered/$expect"
+
 summary=$work/summary
 : > "$summary"
 ran=0
 failed=0
-# run_client NAME COMMAND...: runs one client, records its line for the summary.
+# run_client NAME COMMAND... --folder: runs one client against the shared folder, then, when it
+# passed, against the altered copy, and records its line for the summary.
 run_client() {
   name=$1
   shift
   echo "---- $name"
   started=$(date +%s)
-  if "$@"; then
-    echo "$name: PASS ($(($(date +%s) - started)) s)" >> "$summary"
+  if "$@" "$share"; then
+    echo "---- $name against the altered copy (must fail)"
+    "$@" "$work/altered" > "$work/altered.out" 2>&1 || true
+    tail -n 2 "$work/altered.out"
+    if grep -q "FAIL: the .* bytes fetched differ from the file" "$work/altered.out"; then
+      echo "$name: PASS ($(($(date +%s) - started)) s, the altered copy was told apart)" >> "$summary"
+    else
+      echo "$name: FAIL (the altered copy was not told apart)" >> "$summary"
+      failed=1
+    fi
   else
     echo "$name: FAIL (exit $?, $(($(date +%s) - started)) s)" >> "$summary"
     failed=1
@@ -136,8 +151,8 @@ if ! wanted gupnp; then
   echo "gupnp: not asked for (TW_INTEROP_CLIENTS)" >> "$summary"
 elif /usr/bin/python3 -c 'import gi; gi.require_version("GUPnP", "1.6"); gi.require_version("GUPnPAV", "1.0")' \
   > /dev/null 2>&1; then
-  run_client gupnp /usr/bin/python3 "$here/cp_gupnp.py" --udn "$udn" --folder "$share" \
-    --expect "$expect" --timeout 20
+  run_client gupnp /usr/bin/python3 "$here/cp_gupnp.py" --udn "$udn" --expect "$expect" \
+    --timeout 20 --folder
 else
   echo "gupnp: SKIP (no GUPnP 1.6 / GUPnP-AV for /usr/bin/python3)" >> "$summary"
 fi
@@ -148,7 +163,7 @@ if ! wanted node; then
 elif command -v node > /dev/null 2>&1 && [ -d "$modules/node-ssdp" ] &&
   [ -d "$modules/upnp-device-client" ]; then
   run_client node env NODE_PATH="$modules" node "$here/cp_node.js" --udn "$udn" \
-    --folder "$share" --expect "$expect" --timeout 20
+    --expect "$expect" --timeout 20 --folder
 else
   echo "node: SKIP (node or the modules in $modules missing; sh scripts/prepare-interop.sh $build)" \
     >> "$summary"

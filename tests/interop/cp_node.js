@@ -280,7 +280,7 @@ async function run(args) {
   say('expecting ' + JSON.stringify(args.expect) + ' (' + content.length + ' bytes, title ' +
       JSON.stringify(title) + ')');
 
-  const found = await discover(args, 8);
+  const found = await discover(args, Math.max(1, Math.min(8, Math.floor(args.timeout) - 2)));
   say('found ' + found.udn + ' at ' + found.location + ' (SERVER: ' + found.server + ')');
 
   const UpnpDeviceClient = require('upnp-device-client');
