@@ -8,6 +8,9 @@ need="cmake g++ make pkgconf binutils python3 googletest libgtest-dev libgmock-d
 # Real servers the client is tested against (tests/httpclient/exchange_test.cpp and
 # tests/interop/minidlna_test.cpp); the tests start them themselves inside the private namespace.
 need="$need nginx nodejs minidlna"
+# Control points and media for tests/interop/control_points.sh (GUPnP through Python, test files
+# written by ffmpeg) and a real browser for the status page.
+need="$need gir1.2-gupnp-1.6 gir1.2-gupnp-av-1.0 ffmpeg chromium"
 # The libraries the XML benchmark compares against (make bench).
 if [ "${1:-}" = "--bench" ]; then
   need="$need libxml2-dev libexpat1-dev libpugixml-dev"
@@ -19,7 +22,17 @@ missing=""
 for p in $need; do
   dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"
 done
-[ -z "$missing" ] && exit 0
+# The node control point's modules come from npm's registry, so they are fetched here, outside
+# the namespace the tests run in (only for the plain build that make test uses).
+prepare_interop() {
+  if [ -z "${1:-}" ]; then
+    sh "$(dirname "$0")/prepare-interop.sh" "${TW_BUILD_DIR:-build}"
+  fi
+}
+if [ -z "$missing" ]; then
+  prepare_interop "${1:-}"
+  exit 0
+fi
 if [ "$(id -u)" != 0 ]; then
   echo "missing Debian packages:$missing (run as root to install them)" >&2
   exit 1
@@ -35,3 +48,4 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq || true
 apt-get install -y -qq --no-install-recommends $missing
+prepare_interop "${1:-}"

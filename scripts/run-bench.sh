@@ -72,3 +72,7 @@ fi
 if [ -x "$dir/bench/tw_server_bench" ]; then
   sh scripts/netns-run.sh "$dir/bench/tw_server_bench"
 fi
+# Browse of a 1000-track folder: the example server against MiniDLNA, inside the namespace.
+if [ -x "$dir/tarnwick-mediaserver" ]; then
+  sh bench/browse_bench.sh "$dir"
+fi
