@@ -54,7 +54,7 @@ if [ -x "$dir/tarnwick-mediaserver" ]; then
     -appdata "$tmp/data" -friendlyname "Tarnwick browse bench" > "$tmp/tw.out" 2> /dev/null &
   tw_pid=$!
   i=0
-  until grep -q "mediaserver: open http://" "$tmp/tw.out"; do
+  until grep -q "mediaserver: status page http://" "$tmp/tw.out"; do
     i=$((i + 1))
     [ $i -le 50 ] || { echo "  tarnwick: the server did not come up"; break; }
     sleep 0.1

@@ -123,7 +123,7 @@ echo "hello" > "$work/share/hello.txt"
 server=$!
 # Up when it prints where to open it (5 s at most).
 i=0
-until grep -q "mediaserver: open http://" "$work/server.out"; do
+until grep -q "mediaserver: status page http://" "$work/server.out"; do
   i=$((i + 1))
   [ $i -le 50 ] || fail "server did not come up"
   sleep 0.1

@@ -68,7 +68,7 @@ case "$kind" in
       -friendlyname "Tarnwick interop" > "$work/server.out" 2> /dev/null &
     server=$!
     i=0
-    until grep -q "mediaserver: open http://" "$work/server.out"; do
+    until grep -q "mediaserver: status page http://" "$work/server.out"; do
       i=$((i + 1))
       [ $i -le 50 ] || fail_start "tarnwick-mediaserver did not come up"
       sleep 0.1
