@@ -320,7 +320,9 @@ int32_t Browse(HttpRequest* request, const SoapAction& action) {
     return upnp_send_error(request, error);
   }
   Object object;
-  if (!FindObject(id, &object)) return upnp_send_error(request, kErrorNoSuchObject);
+  if (!FindObject(id, &object, flag == "BrowseMetadata")) {
+    return upnp_send_error(request, kErrorNoSuchObject);
+  }
   if (flag == "BrowseMetadata") {
     if (paging.start > 0) return upnp_send_error(request, kErrorInvalidArgs);
     return SendPage(request, action, {object}, paging.filter, 0, 1);
@@ -345,7 +347,7 @@ int32_t Search(HttpRequest* request, const SoapAction& action) {
     return upnp_send_error(request, error);
   }
   Object container;
-  if (!FindObject(id, &container) || !container.container) {
+  if (!FindObject(id, &container, false) || !container.container) {
     return upnp_send_error(request, kErrorNoSuchContainer);
   }
   Criteria criteria(criteria_text);

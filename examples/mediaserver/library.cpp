@@ -72,9 +72,9 @@ std::string JoinRelative(const std::string& parent, const std::string& name) {
 }
 
 // Fills an object from a directory entry; false when the entry is not shown.
-bool MakeObject(const std::string& relative, const std::string& name, bool is_dir,
-                const std::string& parent_id, Object* out) {
-  const std::string path = Folder() + "/" + relative;
+bool MakeObject(const std::string& directory, const std::string& relative, const std::string& name,
+                bool is_dir, const std::string& parent_id, Object* out) {
+  const std::string path = directory + "/" + name;
   upnp_stat info{};
   if (upnp_file_stat(path.c_str(), &info) != 0) return false;
   Object object;
@@ -229,7 +229,7 @@ bool RelativePathOfId(const std::string& id, std::string* relative) {
   return true;
 }
 
-bool FindObject(const std::string& id, Object* out) {
+bool FindObject(const std::string& id, Object* out, bool count_children) {
   std::string relative;
   if (!RelativePathOfId(id, &relative)) return false;
   const std::string folder = Folder();
@@ -247,7 +247,7 @@ bool FindObject(const std::string& id, Object* out) {
     upnp_stat info{};
     if (upnp_file_stat(folder.c_str(), &info) != 0) return false;
     root.modified = info.mtime;
-    CountChildren(&root, relative);
+    if (count_children) CountChildren(&root, relative);
     *out = std::move(root);
     return true;
   }
@@ -268,8 +268,11 @@ bool FindObject(const std::string& id, Object* out) {
     if (found == entries.end() || (!last && !found->is_dir)) return false;
     const std::string here = JoinRelative(walked, name);
     if (last) {
-      if (!MakeObject(here, name, found->is_dir, parent_id, out)) return false;
-      if (out->container) CountChildren(out, here);
+      if (!MakeObject(walked.empty() ? folder : folder + "/" + walked, here, name, found->is_dir,
+                      parent_id, out)) {
+        return false;
+      }
+      if (out->container && count_children) CountChildren(out, here);
       return true;
     }
     parent_id = IdOfRelativePath(here);
@@ -287,7 +290,9 @@ bool ListChildren(const Object& container, std::vector<Object>* out) {
   for (const Entry& entry : ReadDirectory(container.path)) {
     Object object;
     const std::string child = JoinRelative(relative, entry.name);
-    if (!MakeObject(child, entry.name, entry.is_dir, container.id, &object)) continue;
+    if (!MakeObject(container.path, child, entry.name, entry.is_dir, container.id, &object)) {
+      continue;
+    }
     if (object.container) CountChildren(&object, child);
     out->push_back(std::move(object));
   }

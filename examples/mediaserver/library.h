@@ -24,8 +24,8 @@ constexpr char kRootParentId[] = "-1";
 struct Object {
   std::string id;
   std::string parent_id;  // kRootParentId for the root
-  std::string title;  // folders: the name (the root: the server's name); items: the name
-                      // without its extension
+  std::string title;      // folders: the name (the root: the server's name); items: the name
+                          // without its extension
   std::string path;       // where it is on disk
   bool container = false;
   int64_t size = 0;                 // items: bytes
@@ -39,8 +39,9 @@ struct Object {
 void SetSharedFolder(const std::string& folder, const std::string& root_title);
 
 // The object with this ID; false when the ID is malformed, tries to leave the folder, or names
-// nothing that is shown.
-bool FindObject(const std::string& id, Object* out);
+// nothing that is shown. Counting a container's children means listing it: a caller that is
+// about to list it anyway passes count_children false (child_count is then 0).
+bool FindObject(const std::string& id, Object* out, bool count_children = true);
 
 // The children of a container: containers first, then items, each group by name. False when
 // the object is not a container or the folder cannot be read.

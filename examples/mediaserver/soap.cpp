@@ -92,7 +92,11 @@ bool ReadSoapAction(const HttpRequest& request, SoapAction* action) {
 
 int32_t SendSoapResponse(HttpRequest* request, const SoapAction& action,
                          const std::vector<std::pair<std::string, std::string>>& outputs) {
-  std::string xml =
+  size_t room = 512;
+  for (const auto& output : outputs) room += output.second.size() + output.second.size() / 4;
+  std::string xml;
+  xml.reserve(room);  // a Browse answer is large: grow it once
+  xml +=
       "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"
       "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
       "s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><s:Body><u:" +
