@@ -41,6 +41,7 @@ constexpr int64_t kMaxTimeoutSeconds = 1800;  // also "infinite" and the default
 constexpr int32_t kConnectTimeoutMs = 1000;
 constexpr int32_t kAnswerTimeoutMs = 2000;  // for the subscriber's answer to a NOTIFY
 constexpr size_t kMaxAnswerBytes = 4096;    // of that answer, read only to see it arrive
+constexpr int32_t kStopWaitMs = 500;        // StopEventing's wait for the sender
 constexpr int32_t kSenderPriority = 5;
 constexpr int32_t kStatusOk = 200;
 constexpr int32_t kStatusBadRequest = 400;
@@ -511,10 +512,10 @@ void StopEventing() {
   state.queue.clear();
   ++state.generation;
   state.wake.notify_all();
-  // A sender in the middle of a delivery finishes it first; past its time-outs it is left to
-  // end by itself (it is detached and touches only the state, which stays).
-  const auto limit = std::chrono::milliseconds(kConnectTimeoutMs + kAnswerTimeoutMs + 500);
-  state.finished.wait_for(lock, limit, [&] { return !state.sender_running; });
+  // A sender waiting on a subscriber that does not answer is not waited for past a moment: it
+  // is detached, touches only the state (which stays), and ends after that delivery.
+  state.finished.wait_for(lock, std::chrono::milliseconds(kStopWaitMs),
+                          [&] { return !state.sender_running; });
   state.sender_running = false;
 }
 
