@@ -5,11 +5,26 @@
 #include <string>
 #include <vector>
 
-#include "mediaserver_fixture.h"
+#include "didl.h"
 #include "tarnwick/clientdb.h"
+#include "wire_fixture.h"
 
-namespace tw::test {
+namespace mediaserver::test {
 namespace {
+
+using ::testing::HasSubstr;
+using tw::test::HttpResponse;
+using tw::test::ReadFile;
+using tw::test::WriteFile;
+
+// The text of an element of a SOAP answer, entities resolved once, or "<none>".
+std::string SoapValue(const std::string& body, const char* name) {
+  upnp_xml_node* root = upnp_xml_parse(body.c_str());
+  const upnp_xml_node* node = upnp_xml_find_tag(root, name);
+  std::string value = node == nullptr ? "<none>" : node->value != nullptr ? node->value : "";
+  upnp_xml_release(root);
+  return value;
+}
 
 struct DidlObject {
   std::string id, parent, title, upnp_class, res, protocol_info, duration, child_count;
@@ -52,7 +67,52 @@ std::vector<std::pair<std::string, std::string>> BrowseArgs(
           {"StartingIndex", start}, {"RequestedCount", count}, {"SortCriteria", sort}};
 }
 
-const std::string kMusic = mediaserver::IdOfRelativePath("Music");
+const std::string kMusic = IdOfRelativePath("Music");
+
+// The services and the streaming on the wire, sharing a folder of media names and a few files
+// that are not shown.
+class MediaServerTest : public MediaServerWire {
+ protected:
+  void Prepare() override {
+    for (const auto& [name, bytes] : Files()) {
+      std::filesystem::create_directories(std::filesystem::path(File(name)).parent_path());
+      WriteFile(File(name), bytes);
+    }
+  }
+  virtual std::vector<std::pair<std::string, std::string>> Files() const {
+    return {{"Music/Tone & <one>.mp3", std::string(3000, 'a')},
+            {"Music/b.mp3", std::string(1000, 'b')},
+            {"Music/notes.txt", "not media"},
+            {"Music/.hidden.mp3", "hidden"},
+            {"Pictures/p.jpg", std::string(500, 'p')},
+            {"Video/c.mp4", std::string(700, 'c')},
+            {"z.wav", std::string(200, 'z')}};
+  }
+  std::string File(const std::string& name) const { return share_ + "/" + name; }
+  HttpResponse Send(const std::string& request, int timeout_ms = kReadTimeoutMs) {
+    return Exchange(port_, request, timeout_ms);
+  }
+  HttpResponse Get(const std::string& path, const std::string& lines = "") {
+    return Send(Request("GET", path, lines));
+  }
+  // A SOAP action of a service ("ContentDirectory", "ConnectionManager").
+  HttpResponse Soap(const std::string& service, const std::string& action,
+                    const std::vector<std::pair<std::string, std::string>>& arguments,
+                    const std::string& lines = "") {
+    const std::string type = "urn:schemas-upnp-org:service:" + service + ":1";
+    std::string body =
+        "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/"
+        "soap/envelope/\"><s:Body><u:" +
+        action + " xmlns:u=\"" + type + "\">";
+    for (const auto& [name, value] : arguments)
+      body += "<" + name + ">" + value + "</" + name + ">";
+    body += "</u:" + action + "></s:Body></s:Envelope>";
+    return Send(Request("POST", "/" + service + "/Control",
+                        lines + "SOAPACTION: \"" + type + "#" + action +
+                            "\"\r\nCONTENT-LENGTH: " + std::to_string(body.size()) + "\r\n") +
+                body);
+  }
+};
 
 TEST_F(MediaServerTest, BrowseShowsFoldersAndMediaEscapedTwice) {
   const HttpResponse root =
@@ -66,7 +126,7 @@ TEST_F(MediaServerTest, BrowseShowsFoldersAndMediaEscapedTwice) {
   EXPECT_EQ(top[0].id, kMusic);
   EXPECT_EQ(top[3].protocol_info, "http-get:*:audio/x-wav:*");  // no DLNA profile for WAV
   EXPECT_EQ(SoapValue(root.body, "TotalMatches"), "4");
-  EXPECT_EQ(SoapValue(root.body, "UpdateID"), std::to_string(mediaserver::SystemUpdateId()));
+  EXPECT_EQ(SoapValue(root.body, "UpdateID"), std::to_string(SystemUpdateId()));
 
   const HttpResponse music =
       Soap("ContentDirectory", "Browse", BrowseArgs(kMusic, "BrowseDirectChildren"));
@@ -86,7 +146,7 @@ TEST_F(MediaServerTest, BrowseShowsFoldersAndMediaEscapedTwice) {
   const auto self = Objects(meta.body);
   ASSERT_EQ(self.size(), 1u);
   EXPECT_EQ(self[0].parent, "-1");
-  EXPECT_EQ(self[0].title, "Test & Server");
+  EXPECT_EQ(self[0].title, kName);
   EXPECT_EQ(self[0].child_count, "4");
   // A filter without res leaves resources out; the required properties stay.
   const auto bare =
@@ -126,8 +186,8 @@ TEST_F(MediaServerTest, PagingAndSorting) {
 }
 
 TEST_F(MediaServerTest, BadRequestsGetTheirUpnpErrors) {
-  std::filesystem::create_symlink("/etc", folder_.File("etc"));
-  std::filesystem::create_symlink("/etc/passwd", folder_.File("Music/passwd.mp3"));
+  std::filesystem::create_symlink("/etc", File("etc"));
+  std::filesystem::create_symlink("/etc/passwd", File("Music/passwd.mp3"));
   const std::string huge_filter(200000, 'x');
   struct Case {
     const char* what;
@@ -137,19 +197,17 @@ TEST_F(MediaServerTest, BadRequestsGetTheirUpnpErrors) {
     const char* code;
   } cases[] = {
       {"unknown object", "Browse", BrowseArgs("abcd", "BrowseMetadata"), 500, "701"},
-      {"parent folder", "Browse", BrowseArgs(mediaserver::IdOfRelativePath(".."), "BrowseMetadata"),
-       500, "701"},
-      {"dot segments", "Browse",
-       BrowseArgs(mediaserver::IdOfRelativePath("Music/../.."), "BrowseMetadata"), 500, "701"},
-      {"absolute path", "Browse",
-       BrowseArgs(mediaserver::IdOfRelativePath("/etc"), "BrowseMetadata"), 500, "701"},
-      {"link out of the folder", "Browse",
-       BrowseArgs(mediaserver::IdOfRelativePath("etc"), "BrowseDirectChildren"), 500, "701"},
-      {"link to a file", "Browse",
-       BrowseArgs(mediaserver::IdOfRelativePath("Music/passwd.mp3"), "BrowseMetadata"), 500, "701"},
-      {"hidden file", "Browse",
-       BrowseArgs(mediaserver::IdOfRelativePath("Music/.hidden.mp3"), "BrowseMetadata"), 500,
+      {"parent folder", "Browse", BrowseArgs(IdOfRelativePath(".."), "BrowseMetadata"), 500, "701"},
+      {"dot segments", "Browse", BrowseArgs(IdOfRelativePath("Music/../.."), "BrowseMetadata"), 500,
        "701"},
+      {"absolute path", "Browse", BrowseArgs(IdOfRelativePath("/etc"), "BrowseMetadata"), 500,
+       "701"},
+      {"link out of the folder", "Browse",
+       BrowseArgs(IdOfRelativePath("etc"), "BrowseDirectChildren"), 500, "701"},
+      {"link to a file", "Browse",
+       BrowseArgs(IdOfRelativePath("Music/passwd.mp3"), "BrowseMetadata"), 500, "701"},
+      {"hidden file", "Browse", BrowseArgs(IdOfRelativePath("Music/.hidden.mp3"), "BrowseMetadata"),
+       500, "701"},
       {"upper-case hex", "Browse", BrowseArgs("4D75736963", "BrowseMetadata"), 500, "701"},
       {"bad flag", "Browse", BrowseArgs("0", "BrowseEverything"), 500, "402"},
       {"index not a number", "Browse", BrowseArgs("0", "BrowseDirectChildren", "-1"), 500, "402"},
@@ -166,7 +224,7 @@ TEST_F(MediaServerTest, BadRequestsGetTheirUpnpErrors) {
       {"unknown action", "Destroy", {}, 500, "401"},
       {"search in an item",
        "Search",
-       {{"ContainerID", mediaserver::IdOfRelativePath("z.wav")},
+       {{"ContainerID", IdOfRelativePath("z.wav")},
         {"SearchCriteria", "*"},
         {"Filter", "*"},
         {"StartingIndex", "0"},
@@ -186,10 +244,11 @@ TEST_F(MediaServerTest, BadRequestsGetTheirUpnpErrors) {
   // Requests that are no SOAP action at all.
   for (const std::string& body :
        {std::string("<s:Envelope><s:Body>"), std::string("not xml"), std::string("<a><b/></a>")}) {
-    const HttpResponse r = Request(
-        "POST /ContentDirectory/Control HTTP/1.1\r\nHOST: x\r\nSOAPACTION: \"urn:schemas-upnp-"
-        "org:service:ContentDirectory:1#Browse\"\r\nCONTENT-LENGTH: " +
-        std::to_string(body.size()) + "\r\n\r\n" + body);
+    const HttpResponse r = Send(Request("POST", "/ContentDirectory/Control",
+                                        "SOAPACTION: \"urn:schemas-upnp-org:service:"
+                                        "ContentDirectory:1#Browse\"\r\nCONTENT-LENGTH: " +
+                                            std::to_string(body.size()) + "\r\n") +
+                                body);
     EXPECT_EQ(r.status, 400) << body;
     EXPECT_EQ(SoapValue(r.body, "errorCode"), "400") << body;
   }
@@ -237,9 +296,8 @@ TEST_F(MediaServerTest, SearchCriteria) {
        {std::tuple{"GetSearchCapabilities", "SearchCaps", "dc:title,upnp:class"},
         std::tuple{"GetSortCapabilities", "SortCaps", "dc:title,dc:date"},
         std::tuple{"GetSystemUpdateID", "Id", "<update id>"}}) {
-    EXPECT_EQ(
-        SoapValue(Soap("ContentDirectory", action, {}).body, element),
-        std::string(value) == "<update id>" ? std::to_string(mediaserver::SystemUpdateId()) : value)
+    EXPECT_EQ(SoapValue(Soap("ContentDirectory", action, {}).body, element),
+              std::string(value) == "<update id>" ? std::to_string(SystemUpdateId()) : value)
         << action;
   }
 }
@@ -249,7 +307,7 @@ TEST_F(MediaServerTest, ResourcesStreamWithRangesAndDlnaHeaders) {
       Objects(Soap("ContentDirectory", "Browse", BrowseArgs(kMusic, "BrowseDirectChildren")).body);
   ASSERT_EQ(tracks.size(), 2u);
   const std::string path = tracks[1].res.substr(tracks[1].res.find("/media/"));
-  const std::string bytes = ReadFile(folder_.File("Music/Tone & <one>.mp3"));
+  const std::string bytes = ReadFile(File("Music/Tone & <one>.mp3"));
 
   const HttpResponse whole = Get(path, "getContentFeatures.dlna.org: 1\r\n");
   EXPECT_EQ(whole.status, 200);
@@ -266,14 +324,14 @@ TEST_F(MediaServerTest, ResourcesStreamWithRangesAndDlnaHeaders) {
   EXPECT_EQ(HeaderValue(part.head, "transferMode.dlna.org"), "Streaming");
   EXPECT_EQ(Get(path, "Range: bytes=2990-\r\n").body, bytes.substr(2990));
   EXPECT_EQ(Get(path, "Range: bytes=3000-\r\n").status, 416);
-  const HttpResponse head = Request("HEAD " + path + " HTTP/1.1\r\nHOST: x\r\n\r\n", 300);
+  const HttpResponse head = Send(Request("HEAD", path, ""), 300);
   EXPECT_EQ(head.status, 200);
   EXPECT_EQ(HeaderValue(head.head, "Content-Length"), "3000");
   EXPECT_EQ(head.body, "");
   // Pictures cannot be streamed: the server refuses the streaming mode for their flags.
   const auto pictures =
       Objects(Soap("ContentDirectory", "Browse",
-                   BrowseArgs(mediaserver::IdOfRelativePath("Pictures"), "BrowseDirectChildren"))
+                   BrowseArgs(IdOfRelativePath("Pictures"), "BrowseDirectChildren"))
                   .body);
   ASSERT_EQ(pictures.size(), 1u);
   EXPECT_EQ(Get(pictures[0].res.substr(pictures[0].res.find("/media/")),
@@ -281,10 +339,9 @@ TEST_F(MediaServerTest, ResourcesStreamWithRangesAndDlnaHeaders) {
                 .status,
             406);
   for (const std::string& bad :
-       {"/media/" + mediaserver::IdOfRelativePath("Music") + "-OP01/item",
-        "/media/" + mediaserver::IdOfRelativePath("../etc/passwd") + "/item",
-        std::string("/media/"),
-        "/media/" + mediaserver::IdOfRelativePath("Music/notes.txt") + "/item.txt"}) {
+       {"/media/" + IdOfRelativePath("Music") + "-OP01/item",
+        "/media/" + IdOfRelativePath("../etc/passwd") + "/item", std::string("/media/"),
+        "/media/" + IdOfRelativePath("Music/notes.txt") + "/item.txt"}) {
     EXPECT_EQ(Get(bad).status, 404) << bad;
   }
 }
@@ -335,20 +392,19 @@ TEST_F(MediaServerTest, ConnectionManagerAndServiceDocuments) {
 // A client type that asks for every answer-changing quirk, identified by its User-Agent.
 class QuirkyClientTest : public MediaServerTest {
  protected:
-  void SetUp() override {
-    WriteFile(types_.File("clients.db"),
+  void Prepare() override {
+    MediaServerTest::Prepare();
+    WriteFile(data_.path() + "/clients.db",
               "test types\n>>NA:zero\n>>NA:Unknown\n>>NA:Quirky\nHH:QuirkyTV\nXM:IGNORESORT\n"
               "XM:FORCE_4TH_FIELD\nXM:FORCE_DURATION\nXM:noutf8\nMT:wav audio/wav\n>>\n");
-    g_types_dir = types_.path();
-    register_upnp_resource_get_function(&TypesFromTempDir);
-    upnp_client_db_init();
-    MediaServerTest::SetUp();
+    g_types = data_.path() + "/clients.db";
   }
   std::vector<std::pair<std::string, std::string>> Files() const override {
     return {{"Caf\xc3\xa9.wav", "w"}, {"b.wav", "b"}};
   }
-  static int TypesFromTempDir(const char* name, uint32_t* size, void** data) {
-    const std::string bytes = ReadFile(g_types_dir + "/" + name);
+  upnp_resource_get_function Resources() const override { return &TypesOfTheTest; }
+  static int TypesOfTheTest(const char* name, uint32_t* size, void** data) {
+    const std::string bytes = std::string(name) == "clients.db" ? ReadFile(g_types) : "";
     if (bytes.empty()) return 0;
     auto* block = static_cast<char*>(upnp_malloc_impl(bytes.size() + 2));
     std::memcpy(block, bytes.data(), bytes.size());
@@ -358,22 +414,13 @@ class QuirkyClientTest : public MediaServerTest {
     return 1;
   }
   HttpResponse BrowseAs(const std::string& agent) {
-    std::string body =
-        "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><u:Browse "
-        "xmlns:u=\""
-        "urn:schemas-upnp-org:service:ContentDirectory:1\"><ObjectID>0</ObjectID><BrowseFlag>"
-        "BrowseDirectChildren</BrowseFlag><Filter>*</Filter><StartingIndex>0</StartingIndex>"
-        "<RequestedCount>0</RequestedCount><SortCriteria>-dc:title</SortCriteria></u:Browse>"
-        "</s:Body></s:Envelope>";
-    return Request("POST /ContentDirectory/Control HTTP/1.1\r\nHOST: x\r\nUser-Agent: " + agent +
-                   "\r\nSOAPACTION: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"\r\n"
-                   "CONTENT-LENGTH: " +
-                   std::to_string(body.size()) + "\r\n\r\n" + body);
+    return Soap("ContentDirectory", "Browse",
+                BrowseArgs("0", "BrowseDirectChildren", "0", "0", "-dc:title"),
+                "User-Agent: " + agent + "\r\n");
   }
-  static std::string g_types_dir;
-  TempDir types_;
+  static std::string g_types;
 };
-std::string QuirkyClientTest::g_types_dir;
+std::string QuirkyClientTest::g_types;
 
 TEST_F(QuirkyClientTest, QuirksChangeTheAnswer) {
   const auto plain = Objects(BrowseAs("SomePlayer").body);
@@ -395,4 +442,4 @@ TEST_F(QuirkyClientTest, QuirksChangeTheAnswer) {
 }
 
 }  // namespace
-}  // namespace tw::test
+}  // namespace mediaserver::test

@@ -89,9 +89,8 @@ TEST_F(StatusPage, FolderLinkListsThatFolderUnderItsPath) {
                                  "&amp; &quot;More&quot;</a> / <strong>Music &amp; Talk</strong>"
                                  "</nav>"));
   EXPECT_TRUE(std::regex_search(
-      page.body,
-      std::regex("<a href=\"/media/[^\"]*\">inner &lt;1&gt;</a></td><td>audio/mpeg</td>"
-                 "<td class=\"num\" title=\"2000 bytes\">2\\.0 KiB</td>")))
+      page.body, std::regex("<a href=\"/media/[^\"]*\">inner &lt;1&gt;</a></td><td>audio/mpeg</td>"
+                            "<td class=\"num\" title=\"2000 bytes\">2\\.0 KiB</td>")))
       << page.body;
   EXPECT_EQ(page.body.find(">a&lt;b&gt;</a>"), std::string::npos) << "the root's item";
 }

@@ -55,8 +55,9 @@ class RawClient {
     return n > 0 ? static_cast<size_t>(n) : 0;
   }
   // One response: head and Content-Length bytes of body (what arrived by the deadline).
-  tw::test::HttpResponse Read() {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kReadTimeoutMs);
+  // A HEAD answer announces a body that never comes: pass a short wait for it.
+  tw::test::HttpResponse Read(int timeout_ms = kReadTimeoutMs) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     tw::test::HttpResponse response;
     size_t end;
     while ((end = pending_.find("\r\n\r\n")) == std::string::npos && Fill(deadline)) {
@@ -105,10 +106,11 @@ class RawClient {
 };
 
 // One request on a connection of its own.
-inline tw::test::HttpResponse Exchange(int port, const std::string& request) {
+inline tw::test::HttpResponse Exchange(int port, const std::string& request,
+                                       int timeout_ms = kReadTimeoutMs) {
   RawClient client;
   if (!client.Connect(port) || !client.Send(request)) return {};
-  return client.Read();
+  return client.Read(timeout_ms);
 }
 
 struct Notification {
@@ -229,10 +231,13 @@ class MediaServerWire : public ::testing::Test {
     upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_APPDATA, data_.path().c_str());
     SetSettings(Settings{share_, kName, kUdn});
     SetSharedFolder(share_, kName);
+    RegisterDescriptionHandlers();
+    RegisterContentDirectory();
+    RegisterConnectionManager();
     RegisterEventHandlers();
+    RegisterStreamingHandlers();
     RegisterStatusPage();
-    // The client types, from the copy beside the test program (as the program finds its own).
-    register_upnp_resource_get_function(&examples::GetInstalledResource);
+    register_upnp_resource_get_function(Resources());
     upnp_client_db_init();
     upnp_server_start(&g_server_running);
     started_ = true;
@@ -252,6 +257,9 @@ class MediaServerWire : public ::testing::Test {
   }
   // Files and the client table before the server starts.
   virtual void Prepare() {}
+  // Where the client types come from: by default the copy beside the test program (as the
+  // program finds its own).
+  virtual upnp_resource_get_function Resources() const { return &examples::GetInstalledResource; }
 
   std::string Request(const std::string& method, const std::string& url,
                       const std::string& lines) const {
