@@ -402,28 +402,93 @@ void ReadHdlr(Reader& in, int64_t end, Mp4State& st) {
   st.handler = in.U32be();
 }
 
-// The first sample entry of the track's description.
+// The channel count of an MPEG-4 audio stream from its esds box: ES_Descriptor (tag 3) holds
+// DecoderConfigDescriptor (4), which holds the AudioSpecificConfig (5). 0 when not found.
+int32_t EsdsChannels(Reader& in, int64_t end) {
+  if (!in.Skip(4)) return 0;  // version and flags
+  for (int32_t descriptor = 0; descriptor < 8 && in.Has(1); ++descriptor) {
+    const uint32_t tag = in.U8();
+    int64_t length = 0;
+    for (int32_t i = 0; i < 4 && in.Has(1); ++i) {  // 7 bits per byte, high bit: more follow
+      const uint32_t b = in.U8();
+      length = (length << 7) | (b & 0x7f);
+      if ((b & 0x80) == 0) break;
+    }
+    if (length > end - in.pos()) return 0;
+    if (tag == 3) {  // ES id, flags, then what the flags announce
+      if (!in.Has(3)) return 0;
+      in.U16be();
+      const uint32_t flags = in.U8();
+      int64_t skip = ((flags & 0x80) != 0 ? 2 : 0) + ((flags & 0x20) != 0 ? 2 : 0);
+      if ((flags & 0x40) != 0 && in.Has(1)) skip += in.U8();  // URL length
+      if (!in.Skip(skip)) return 0;
+    } else if (tag == 4) {  // object type, stream type, buffer size, two bitrates
+      if (!in.Skip(13)) return 0;
+    } else if (tag == 5) {
+      if (length < 2 || !in.Has(2)) return 0;
+      const uint32_t b0 = in.U8();
+      const uint32_t b1 = in.U8();
+      // 5 bits object type, 4 bits rate index, 4 bits channels; escapes (object type 31,
+      // explicit rate 15) move the channels further and are left alone.
+      if ((b0 >> 3) == 31 || (((b0 & 7) << 1) | (b1 >> 7)) == 15) return 0;
+      static constexpr int32_t kChannels[8] = {0, 1, 2, 3, 4, 5, 6, 8};
+      return kChannels[(b1 >> 3) & 7];
+    } else if (!in.Skip(length)) {
+      return 0;
+    }
+  }
+  return 0;
+}
+
+bool IsPcmFormat(uint32_t format) {
+  static constexpr uint32_t kPcm[] = {FourCc("lpcm"), FourCc("sowt"), FourCc("twos"),
+                                      FourCc("in24"), FourCc("in32"), FourCc("raw ")};
+  for (uint32_t pcm : kPcm) {
+    if (format == pcm) return true;
+  }
+  return false;
+}
+
+// The first sample entry of the track's description. ISO files write the audio entry's
+// channel count and sample size as fixed 2 and 16, so the count of an MPEG-4 audio track comes
+// from its decoder configuration and the sample size is kept for PCM alone.
 void ReadStsd(Reader& in, int64_t end, Mp4State& st) {
   if (end - in.pos() < 16 || !in.Has(16)) return;
   in.U32be();  // version and flags
   if (in.U32be() == 0) return;
+  const int64_t entry_at = in.pos();
   const int64_t entry_size = in.U32be();
-  in.U32be();  // format
-  if (entry_size < 36 || entry_size > end - in.pos() + 8) return;
+  const uint32_t format = in.U32be();
+  if (entry_size < 36 || entry_size > end - entry_at) return;
+  const int64_t entry_end = entry_at + entry_size;
   if (!in.Skip(8)) return;  // reserved, data reference index
   if (st.handler == FourCc("soun") && in.Has(20)) {
     const uint32_t version = in.U16be();
     in.U16be();  // revision
     in.U32be();  // vendor
-    const int32_t channels = static_cast<int32_t>(in.U16be());
+    int32_t channels = static_cast<int32_t>(in.U16be());
     const int32_t bits = static_cast<int32_t>(in.U16be());
     in.U32be();  // compression id, packet size
     const int32_t rate = static_cast<int32_t>(in.U32be() >> 16);
-    if (version <= 1 && st.sample_rate == 0) {  // version 2 moves the rate elsewhere
-      st.sample_rate = rate;
-      st.channels = channels;
-      st.bits = bits;
+    if (version > 1 || st.sample_rate != 0) return;  // version 2 moves the fields elsewhere
+    if (format == FourCc("mp4a")) {
+      // child boxes follow the entry, after QuickTime's 16 more bytes in version 1
+      int64_t at = entry_at + 36 + (version == 1 ? 16 : 0);
+      for (int32_t child = 0; child < 8 && entry_end - at >= 8; ++child) {
+        if (!in.Seek(at) || !in.Has(8)) break;
+        const int64_t size = in.U32be();
+        const uint32_t type = in.U32be();
+        if (size < 8 || size > entry_end - at) break;
+        if (type == FourCc("esds")) {
+          channels = EsdsChannels(in, at + size);
+          break;
+        }
+        at += size;
+      }
     }
+    st.sample_rate = rate;
+    st.channels = channels;
+    st.bits = IsPcmFormat(format) ? bits : 0;
   } else if (st.handler == FourCc("vide")) {
     if (!in.Skip(16) || !in.Has(4)) return;  // pre-defined and reserved
     st.entry_width = static_cast<int32_t>(in.U16be());
