@@ -37,8 +37,12 @@ def show(didl):
         kind = "folder" if node.tag == DIDL + "container" else "item"
         title = node.find(DC + "title").text
         res = node.find(DIDL + "res")
-        extra = f"  {res.get('protocolInfo')}" if res is not None else ""
-        print(f"  {kind:6} {node.get('id')[:24]:24} {title}{extra}")
+        extra = ""
+        if res is not None:
+            facts = [res.get("protocolInfo").split(":")[2], res.get("size") + " bytes"]
+            facts += [res.get(name) for name in ("duration", "resolution") if res.get(name)]
+            extra = "  " + ", ".join(facts)
+        print(f"  {kind:6} {title:12}{extra}")
 
 
 def main():

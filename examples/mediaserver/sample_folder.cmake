@@ -12,8 +12,8 @@ file(REMOVE ${TW_SAMPLE_DIR}/numbers.txt ${TW_SAMPLE_DIR}/page.html ${TW_SAMPLE_
 file(WRITE ${TW_SAMPLE_DIR}/readme.txt
   "This folder is shared by tarnwick-mediaserver (make run).\n"
   "Music/ holds tone.wav, tone.mp3 and tone.m4a, Video/ clip.mp4, Pictures/ frame.jpg and\n"
-  "frame.png. Every file can be fetched whole or in byte ranges, for example:\n"
-  "  curl -r 0-99 http://127.0.0.1:9000/files/readme.txt\n")
+  "frame.png. Control points browse them; the status page at http://127.0.0.1:9000/ links\n"
+  "each one, and every item can be fetched whole or in byte ranges.\n")
 
 set(_tw_ffmpeg_encoders "")
 if(TW_SAMPLE_MEDIA_WITH_FFMPEG AND NOT CMAKE_CROSSCOMPILING)
