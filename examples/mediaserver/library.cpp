@@ -10,6 +10,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <unordered_set>
 
 #include "tarnwick/http.h"
 #include "tarnwick/platform.h"
@@ -19,7 +20,7 @@ namespace {
 
 constexpr size_t kMaxDepth = 32;             // deeper folders are not shown
 constexpr size_t kMaxFoldersWatched = 4096;  // CheckForChanges looks at no more than these
-constexpr size_t kMaxCachedProbes = 20000;   // the header cache starts over beyond this
+constexpr size_t kMaxCachedProbes = 20000;   // the caches start over beyond this
 
 struct Shared {
   std::mutex mutex;
@@ -34,6 +35,9 @@ struct Shared {
     MediaInfo info;
   };
   std::map<std::string, Probe> probes;
+  // IDs a listing has handed out since the tree last changed: a control point fetches and
+  // seeks what it browsed, and these need no walk through the listings (see FindObject).
+  std::unordered_set<std::string> listed;
 };
 
 Shared& State() {
@@ -173,6 +177,18 @@ uint64_t TreeSignature(const std::string& folder) {
   return hash;
 }
 
+bool WasListed(const std::string& id) {
+  std::lock_guard<std::mutex> lock(State().mutex);
+  return State().listed.count(id) != 0;
+}
+
+void RememberListed(const std::vector<Object>& objects) {
+  Shared& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  if (state.listed.size() + objects.size() > kMaxCachedProbes) state.listed.clear();
+  for (const Object& object : objects) state.listed.insert(object.id);
+}
+
 }  // namespace
 
 void SetSharedFolder(const std::string& folder, const std::string& root_title) {
@@ -183,6 +199,7 @@ void SetSharedFolder(const std::string& folder, const std::string& root_title) {
   state.folder = cleaned;
   state.root_title = root_title;
   state.probes.clear();
+  state.listed.clear();
   state.signature_taken = false;
 }
 
@@ -252,6 +269,22 @@ bool FindObject(const std::string& id, Object* out, bool count_children) {
     return true;
   }
   if (Depth(relative) > kMaxDepth) return false;
+  const size_t slash = relative.rfind('/');
+  const std::string parent = slash == std::string::npos ? "" : relative.substr(0, slash);
+  if (WasListed(id)) {
+    // A listing showed this entry and the tree has not changed since: no link, no hidden name
+    // on its way. Only its own status is read again.
+    upnp_stat info{};
+    const std::string path = folder + "/" + relative;
+    if (upnp_file_stat(path.c_str(), &info) != 0) return false;
+    const bool is_dir = (info.mode & UPNP_S_IFMT) == UPNP_S_IFDIR;
+    if (!MakeObject(parent.empty() ? folder : folder + "/" + parent, relative,
+                    relative.substr(slash + 1), is_dir, IdOfRelativePath(parent), out)) {
+      return false;
+    }
+    if (out->container && count_children) CountChildren(out, relative);
+    return true;
+  }
   // Walk down component by component through the listings, so that only entries a listing
   // shows (no links, no hidden names) can be reached.
   std::string walked;
@@ -296,6 +329,7 @@ bool ListChildren(const Object& container, std::vector<Object>* out) {
     if (object.container) CountChildren(&object, child);
     out->push_back(std::move(object));
   }
+  RememberListed(*out);
   return true;
 }
 
@@ -337,6 +371,7 @@ bool CheckForChanges() {
   }
   if (signature == state.signature) return false;
   state.signature = signature;
+  state.listed.clear();  // an entry may have become a link or gone
   ++state.update_id;
   return true;
 }

@@ -67,7 +67,22 @@ TEST(MediaLibrary, ChangesRaiseTheUpdateIdAndDepthIsCapped) {
   EXPECT_TRUE(mediaserver::CheckForChanges());
   EXPECT_EQ(mediaserver::SystemUpdateId(), first + 3);
 
+  // A listed item is found again without a walk, until a change shows it became a link.
   mediaserver::Object object;
+  std::vector<mediaserver::Object> listed;
+  ASSERT_TRUE(mediaserver::FindObject("0", &object));
+  ASSERT_TRUE(mediaserver::ListChildren(object, &listed));
+  ASSERT_TRUE(mediaserver::FindObject(IdOfRelativePath("a.mp3"), &object));
+  EXPECT_EQ(object.size, 1);
+  std::filesystem::remove(folder.File("a.mp3"));
+  std::filesystem::create_symlink("/etc/passwd", folder.File("a.mp3"));
+  EXPECT_TRUE(mediaserver::CheckForChanges());
+  EXPECT_FALSE(mediaserver::FindObject(IdOfRelativePath("a.mp3"), &object));
+  std::filesystem::remove(folder.File("a.mp3"));
+  WriteFile(folder.File("a.mp3"), "a");
+  EXPECT_TRUE(mediaserver::CheckForChanges());
+  EXPECT_EQ(mediaserver::SystemUpdateId(), first + 5);
+
   ASSERT_TRUE(mediaserver::FindObject("0", &object));
   EXPECT_EQ(object.title, "Root");
   EXPECT_EQ(object.path, folder.path());
