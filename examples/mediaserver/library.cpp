@@ -76,11 +76,17 @@ std::string JoinRelative(const std::string& parent, const std::string& name) {
 }
 
 // Fills an object from a directory entry; false when the entry is not shown.
+// `known` is the entry's status when the caller has just read it.
 bool MakeObject(const std::string& directory, const std::string& relative, const std::string& name,
-                bool is_dir, const std::string& parent_id, Object* out) {
+                bool is_dir, const std::string& parent_id, Object* out,
+                const upnp_stat* known = nullptr) {
   const std::string path = directory + "/" + name;
   upnp_stat info{};
-  if (upnp_file_stat(path.c_str(), &info) != 0) return false;
+  if (known != nullptr) {
+    info = *known;
+  } else if (upnp_file_stat(path.c_str(), &info) != 0) {
+    return false;
+  }
   Object object;
   object.id = IdOfRelativePath(relative);
   object.parent_id = parent_id;
@@ -279,7 +285,7 @@ bool FindObject(const std::string& id, Object* out, bool count_children) {
     if (upnp_file_stat(path.c_str(), &info) != 0) return false;
     const bool is_dir = (info.mode & UPNP_S_IFMT) == UPNP_S_IFDIR;
     if (!MakeObject(parent.empty() ? folder : folder + "/" + parent, relative,
-                    relative.substr(slash + 1), is_dir, IdOfRelativePath(parent), out)) {
+                    relative.substr(slash + 1), is_dir, IdOfRelativePath(parent), out, &info)) {
       return false;
     }
     if (out->container && count_children) CountChildren(out, relative);

@@ -374,12 +374,21 @@ int32_t AcceptLoop(upnp_server_data* server) noexcept {
   return 0;
 }
 
-int32_t ServeOne(HttpConnection* connection) noexcept {
-  auto* request = static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest)));
-  if (request == nullptr) return 1;
+int32_t ServeOne(HttpConnection* connection, HttpRequest* reused, const char* peer_ip) noexcept {
+  HttpRequest* request = reused;
+  if (request != nullptr) {
+    std::memset(request, 0, sizeof(*request));  // each request starts from a cleared record
+  } else {
+    request = static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest)));
+    if (request == nullptr) return 1;
+  }
   const upnp_server_data* server = connection->server;
-  int32_t peer_port = 0;
-  upnp_util_get_peername(connection->socket, request->client_ip, &peer_port);
+  if (peer_ip != nullptr) {
+    CopyCut(request->client_ip, sizeof(request->client_ip), peer_ip);
+  } else {
+    int32_t peer_port = 0;
+    upnp_util_get_peername(connection->socket, request->client_ip, &peer_port);
+  }
   request->socket = connection->socket;
   request->tls = connection->tls != nullptr ? 1 : 0;
   request->tls_session = connection->tls_session;
@@ -393,14 +402,22 @@ int32_t ServeOne(HttpConnection* connection) noexcept {
   if (body != nullptr) upnp_string_free(body);
   connection->file_cache = request->file_cache;
   const bool close = request->socket != -1 && request->close_connection != 0;
-  upnp_free_impl(request);
+  if (request != reused) upnp_free_impl(request);
   return close ? 1 : result;
 }
 
 void ConnectionLoop(HttpConnection* connection) noexcept {
-  // No idle time-out of its own: a kept-alive connection waits in the head read until the peer
-  // sends or closes.
-  while (ServeOne(connection) == 0 && ServerRunning()) {
+  // The peer stays the same and the request record can be reused: both are taken once per
+  // connection, not once per request. No idle time-out of its own: a kept-alive connection
+  // waits in the head read until the peer sends or closes.
+  auto* request = static_cast<HttpRequest*>(upnp_malloc_impl(sizeof(HttpRequest)));
+  if (request != nullptr) {
+    char peer_ip[sizeof(request->client_ip)] = {};
+    int32_t peer_port = 0;
+    upnp_util_get_peername(connection->socket, peer_ip, &peer_port);
+    while (ServeOne(connection, request, peer_ip) == 0 && ServerRunning()) {
+    }
+    upnp_free_impl(request);
   }
   if (connection->tls != nullptr && Tls().session_close != nullptr) {
     Tls().session_close(connection->tls_session, connection->tls);
