@@ -6,8 +6,9 @@
 // of its path relative to the folder ("Music/a.mp3" is "4d757369632f612e6d7033"). IDs are
 // therefore stable across restarts, never contain characters that need escaping in XML, URLs
 // or the DLNA markers of resource URLs, and are checked component by component when resolved:
-// "..", ".", empty components, NUL and backslashes are refused, so no ID names a file outside
-// the folder.
+// "..", ".", empty components, NUL and backslashes are refused, and each component must be an
+// entry a listing shows (an ID a listing handed out since the tree last changed is taken as
+// shown), so no ID names a file outside the folder.
 #pragma once
 
 #include <cstdint>

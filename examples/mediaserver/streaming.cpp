@@ -2,8 +2,8 @@
 // The items' resources: "/media/<object id>-<DLNA markers>/item.<ext>" (didl.h makes them)
 // streams the file with byte ranges. The library composes the DLNA response headers:
 // contentFeatures.dlna.org from the markers, transferMode.dlna.org from the request, and the
-// Content-Range of a 206. Only objects the library shows can be reached: the ID is resolved
-// through the folder's listings, never used as a path.
+// Content-Range of a 206. Only objects the listings show can be reached: the ID is resolved
+// through them (or found among the IDs they handed out), never used as a path.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -42,7 +42,8 @@ int32_t RangeError(const HttpRequest& request, int64_t size) {
 
 bool SendBody(HttpRequest* request, upnp_file* file, int64_t offset, int64_t length) {
   if (upnp_file_seek(file, offset, 0) != offset) return false;
-  std::vector<char> block(kBlockSize);
+  // No bigger than the range: a small ranged fetch should not clear 64 KiB first.
+  std::vector<char> block(static_cast<size_t>(length < kBlockSize ? length : kBlockSize));
   while (length > 0) {
     const uint32_t want = length < kBlockSize ? static_cast<uint32_t>(length) : kBlockSize;
     const int32_t got = upnp_file_read(file, block.data(), want);
