@@ -2,7 +2,6 @@
 // The MTP-over-IP device: the SSDP role, two description handlers and the server it runs.
 #include "services/mtp_device.h"
 
-#include <cstdarg>
 #include <cstddef>
 
 #include "base/status.h"
@@ -89,14 +88,6 @@ constexpr char kDeviceFormat[] =
     "</root>\r\n";
 #undef TW_PNPX
 
-TW_PRINTF(1, 2) upnp_string* Format(const char* format, ...) noexcept {
-  va_list args;
-  va_start(args, format);
-  upnp_string* text = util::StringVFormat(format, args);
-  va_end(args);
-  return text;
-}
-
 int32_t SendXml(HttpRequest& request, const char* text, size_t length) noexcept {
   request.content_length = static_cast<int64_t>(length);
   request.mime_type = UPNP_SOAP_CONTENT_TYPE;
@@ -106,8 +97,8 @@ int32_t SendXml(HttpRequest& request, const char* text, size_t length) noexcept 
 }  // namespace
 
 upnp_string* BuildMtpDeviceDescription(const char* udn) noexcept {
-  return Format(kDeviceFormat, TW_MTP_MANUFACTURER_URL, TW_MTP_MODEL_URL, udn != nullptr ? udn : "",
-                TW_MTP_PRESENTATION_URL);
+  return util::StringFormat(kDeviceFormat, TW_MTP_MANUFACTURER_URL, TW_MTP_MODEL_URL,
+                            udn != nullptr ? udn : "", TW_MTP_PRESENTATION_URL);
 }
 
 int32_t SendMtpDeviceDescription(HttpRequest& request) noexcept {

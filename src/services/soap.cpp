@@ -2,7 +2,6 @@
 // The error table, the SOAP fault built from it and the two fixed Connection Manager answers.
 #include "services/soap.h"
 
-#include <cstdarg>
 #include <cstddef>
 
 #include "base/fixed_text.h"
@@ -115,14 +114,6 @@ const upnp_errmsg* Search(const upnp_errmsg* table, int32_t code) noexcept {
   return nullptr;
 }
 
-TW_PRINTF(1, 2) upnp_string* Format(const char* format, ...) noexcept {
-  va_list args;
-  va_start(args, format);
-  upnp_string* text = util::StringVFormat(format, args);
-  va_end(args);
-  return text;
-}
-
 }  // namespace
 
 const upnp_errmsg& FindError(int32_t code) noexcept {
@@ -151,7 +142,7 @@ int32_t FaultStatus(int32_t code) noexcept {
 
 upnp_string* BuildFault(int32_t code) noexcept {
   const upnp_errmsg& row = FindError(code);
-  return Format(kFaultFormat, static_cast<int>(row.code), row.text);
+  return util::StringFormat(kFaultFormat, static_cast<int>(row.code), row.text);
 }
 
 int32_t SendFault(HttpRequest& request, int32_t code) noexcept {

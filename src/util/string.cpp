@@ -175,6 +175,14 @@ upnp_string* StringVFormat(const char* format, va_list args) noexcept {
   }
 }
 
+upnp_string* StringFormat(const char* format, ...) noexcept {
+  va_list args;
+  va_start(args, format);
+  upnp_string* text = StringVFormat(format, args);
+  va_end(args);
+  return text;
+}
+
 upnp_string* StringCut(upnp_string* s, uint32_t n) noexcept {
   if (s == nullptr || s->buffer == nullptr) return s;
   if (s->length > n) {

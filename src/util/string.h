@@ -23,6 +23,8 @@ upnp_string* StringConcat(upnp_string* s, const char* cstr) noexcept;
 upnp_string* StringAdd(upnp_string* s, const void* bytes, uint32_t count) noexcept;
 upnp_string* StringConcatConverted(upnp_string* s, const char* cstr, bool to_utf8) noexcept;
 upnp_string* StringVFormat(const char* format, va_list args) noexcept TW_PRINTF(1, 0);
+// StringVFormat with the arguments given here.
+upnp_string* StringFormat(const char* format, ...) noexcept TW_PRINTF(1, 2);
 upnp_string* StringCut(upnp_string* s, uint32_t n) noexcept;
 upnp_string* StringShiftLeft(upnp_string* s, uint32_t n) noexcept;
 
