@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "tarnwick/http.h"
+#include "tarnwick/media.h"
 #include "tarnwick/platform.h"
 
 namespace mediaserver {
@@ -195,6 +196,16 @@ void RememberListed(const std::vector<Object>& objects) {
   for (const Object& object : objects) state.listed.insert(object.id);
 }
 
+// The object of an entry a listing showed, from its status (just read).
+bool MakeListedObject(const std::string& folder, const std::string& relative, const upnp_stat& info,
+                      Object* out) {
+  const size_t slash = relative.rfind('/');
+  const std::string parent = slash == std::string::npos ? "" : relative.substr(0, slash);
+  const bool is_dir = (info.mode & UPNP_S_IFMT) == UPNP_S_IFDIR;
+  return MakeObject(parent.empty() ? folder : folder + "/" + parent, relative,
+                    relative.substr(slash + 1), is_dir, IdOfRelativePath(parent), out, &info);
+}
+
 }  // namespace
 
 void SetSharedFolder(const std::string& folder, const std::string& root_title) {
@@ -275,19 +286,12 @@ bool FindObject(const std::string& id, Object* out, bool count_children) {
     return true;
   }
   if (Depth(relative) > kMaxDepth) return false;
-  const size_t slash = relative.rfind('/');
-  const std::string parent = slash == std::string::npos ? "" : relative.substr(0, slash);
   if (WasListed(id)) {
     // A listing showed this entry and the tree has not changed since: no link, no hidden name
     // on its way. Only its own status is read again.
     upnp_stat info{};
-    const std::string path = folder + "/" + relative;
-    if (upnp_file_stat(path.c_str(), &info) != 0) return false;
-    const bool is_dir = (info.mode & UPNP_S_IFMT) == UPNP_S_IFDIR;
-    if (!MakeObject(parent.empty() ? folder : folder + "/" + parent, relative,
-                    relative.substr(slash + 1), is_dir, IdOfRelativePath(parent), out, &info)) {
-      return false;
-    }
+    if (upnp_file_stat((folder + "/" + relative).c_str(), &info) != 0) return false;
+    if (!MakeListedObject(folder, relative, info, out)) return false;
     if (out->container && count_children) CountChildren(out, relative);
     return true;
   }
@@ -318,6 +322,27 @@ bool FindObject(const std::string& id, Object* out, bool count_children) {
     walked = here;
     start = end + 1;
   }
+}
+
+upnp_file* OpenItem(const std::string& id, Object* out) {
+  std::string relative;
+  if (!RelativePathOfId(id, &relative) || relative.empty()) return nullptr;
+  const std::string folder = Folder();
+  if (folder.empty() || Depth(relative) > kMaxDepth) return nullptr;
+  if (!WasListed(id)) {
+    // Resolved through the listings first; the status is then read once more, from the file
+    // that is opened.
+    Object found;
+    if (!FindObject(id, &found, false) || found.container) return nullptr;
+  }
+  upnp_file* file = upnp_file_open_read((folder + "/" + relative).c_str());
+  upnp_stat info{};
+  if (file == nullptr || upnp_file_get_stat(file, &info) != 0 ||
+      !MakeListedObject(folder, relative, info, out) || out->container) {
+    if (file != nullptr) upnp_file_close(file);
+    return nullptr;
+  }
+  return file;
 }
 
 bool ListChildren(const Object& container, std::vector<Object>* out) {

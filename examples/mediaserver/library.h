@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "media_probe.h"
+#include "tarnwick/types.h"
 
 namespace mediaserver {
 
@@ -43,6 +44,11 @@ void SetSharedFolder(const std::string& folder, const std::string& root_title);
 // nothing that is shown. Counting a container's children means listing it: a caller that is
 // about to list it anyway passes count_children false (child_count is then 0).
 bool FindObject(const std::string& id, Object* out, bool count_children = true);
+
+// Resolves an item's ID as FindObject does and opens its file for reading. The item's facts
+// come from the open file's status, so a fetch asks the system for it once. Null when the ID
+// names no item (or the file cannot be opened); the caller closes the handle.
+upnp_file* OpenItem(const std::string& id, Object* out);
 
 // The children of a container: containers first, then items, each group by name. False when
 // the object is not a container or the folder cannot be read.

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "didl.h"
 #include "host.h"
@@ -21,7 +20,6 @@ namespace mediaserver {
 namespace {
 
 constexpr char kMediaPrefix[] = "/media/";
-constexpr uint32_t kBlockSize = 64 * 1024;
 constexpr int32_t kStatusOk = 200;
 constexpr int32_t kStatusPartial = 206;
 constexpr int32_t kStatusBadRequest = 400;
@@ -40,27 +38,13 @@ int32_t RangeError(const HttpRequest& request, int64_t size) {
   return 0;
 }
 
-bool SendBody(HttpRequest* request, upnp_file* file, int64_t offset, int64_t length) {
-  if (upnp_file_seek(file, offset, 0) != offset) return false;
-  // No bigger than the range: a small ranged fetch should not clear 64 KiB first.
-  std::vector<char> block(static_cast<size_t>(length < kBlockSize ? length : kBlockSize));
-  while (length > 0) {
-    const uint32_t want = length < kBlockSize ? static_cast<uint32_t>(length) : kBlockSize;
-    const int32_t got = upnp_file_read(file, block.data(), want);
-    if (got <= 0) return false;
-    if (upnp_send_ssl(request, block.data(), got) < 0) return false;
-    length -= got;
-  }
-  return true;
-}
-
 int32_t OnMedia(HttpRequest* request) {
   std::string id;
   Object item;
-  if (!ObjectIdOfResourcePath(request->url, &id) || !FindObject(id, &item) || item.container) {
+  upnp_file* file = nullptr;
+  if (!ObjectIdOfResourcePath(request->url, &id) || (file = OpenItem(id, &item)) == nullptr) {
     return HTTP_send_file_not_found(request);
   }
-  const std::string& path = item.path;
   const int64_t size = item.size;
   // The library asks the client database for a client's own MIME type first.
   request->mime_type = HTTP_get_mime_type(request, HTTP_get_extension(item.path.c_str()));
@@ -70,23 +54,21 @@ int32_t OnMedia(HttpRequest* request) {
   request->content_length = size;
   request->total_size = size;
   HTTP_get_range_header(request);
+  int32_t result = 0;
   if (const int32_t error = RangeError(*request, size); error != 0) {
     request->content_length = 0;
-    return HTTP_send_error_code(request, error);
-  }
-  int32_t status = kStatusOk;
-  int64_t offset = 0;
-  if (request->range_start >= 0) {
-    if (request->range_end < 0 || request->range_end >= size) request->range_end = size - 1;
-    offset = request->range_start;
-    request->content_length = request->range_end - request->range_start + 1;
-    status = kStatusPartial;
-  }
-  upnp_file* file = upnp_file_open_read(path.c_str());
-  if (file == nullptr) return HTTP_send_file_not_found(request);
-  int32_t result = HTTP_send_header(request, status);
-  if (result == 0 && (request->method & HTTP_METHOD_HEAD) == 0 && request->content_length > 0) {
-    result = SendBody(request, file, offset, request->content_length) ? 0 : 1;
+    result = HTTP_send_error_code(request, error);
+  } else {
+    int32_t status = kStatusOk;
+    int64_t offset = 0;
+    if (request->range_start >= 0) {
+      if (request->range_end < 0 || request->range_end >= size) request->range_end = size - 1;
+      offset = request->range_start;
+      request->content_length = request->range_end - request->range_start + 1;
+      status = kStatusPartial;
+    }
+    // Header and body in one call: sendfile on a plain connection, the TLS hook otherwise.
+    result = HTTP_send_file(request, status, file, offset);
   }
   upnp_file_close(file);
   return result;

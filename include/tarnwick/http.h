@@ -296,6 +296,17 @@ TW_API void HTTP_escape_body(const char* source, char* destination, size_t size)
  * (206, or 400/406/416 for unusable ranges); a HEAD gets no body. 0 on success, else non-zero
  * (1 for a null request or a failed body send). */
 TW_API int32_t HTTP_send(HttpRequest* request, const char* data) TW_NOEXCEPT;
+/* Beyond the classic API: sends the header composed for status (as HTTP_send_header does) and
+ * then content_length bytes of an open file from offset as the body; a HEAD gets no body. The
+ * caller sets the response fields first (content_length, mime_type, range_start/range_end and
+ * total_size for a 206) and keeps ownership of the file. On a plain connection the header is
+ * held back for the body and the body goes out with sendfile, never copied through the process;
+ * a TLS connection gets the body through the TLS send hook, read in 64 KiB blocks, as does a
+ * multi-part media file. The handle's position is unspecified afterwards. 0 when sent; 1 for a
+ * null request or file, a negative offset, a failed send, or a file that ended before the
+ * announced length (close_connection is then set, as the framing is lost). */
+TW_API int32_t HTTP_send_file(HttpRequest* request, int32_t status, upnp_file* file,
+                              int64_t offset) TW_NOEXCEPT;
 /* Sends length bytes on the request's connection, through the TLS send hook for a TLS request
  * (its result -2 also sets close_connection). The send result; -1 on failure, for a null
  * request or a TLS request without a send hook. */

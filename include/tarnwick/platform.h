@@ -154,6 +154,11 @@ TW_API int64_t upnp_file_seek(struct upnp_file* handle, int64_t offset, int32_t 
 TW_API int32_t upnp_file_flush(struct upnp_file* handle) TW_NOEXCEPT;
 /* Follows links. -1 when an argument is null, else the system result (0 with record filled). */
 TW_API int32_t upnp_file_stat(const char* path, upnp_stat* record) TW_NOEXCEPT;
+/* Beyond the classic file layer: the status of an open handle, taken from its descriptor when
+ * it was opened for reading (so no second system call, and no race with a replaced path). For a
+ * multi-part media file the size is the total of its parts. 0 with record filled; -1 for a null
+ * argument or a handle whose open failed. */
+TW_API int32_t upnp_file_get_stat(const struct upnp_file* handle, upnp_stat* record) TW_NOEXCEPT;
 /* Sets access and modification time to time (seconds since 1970), or to now when time is 0. */
 TW_API int32_t upnp_file_touch(const char* path, int64_t time) TW_NOEXCEPT;
 /* Mode 0777 less the process's umask. These four return the system result, -1 for null. */

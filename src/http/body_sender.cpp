@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// In-memory response bodies with byte ranges, the plain-or-TLS send path and the release of a
-// connection's file cache.
+// In-memory and file response bodies, the plain-or-TLS send path and the release of a
+// connection's file cache. On a plain connection a response costs as few system calls as the
+// wire allows: a small body leaves with its header in one gather write, a file body through
+// sendfile behind a header held back for it.
 #include "http/body_sender.h"
 
 #include <cstdint>
@@ -8,19 +10,60 @@
 #include "base/status.h"
 #include "http/hooks.h"
 #include "http/registry.h"
+#include "http/response_header.h"
+#include "platform/file_handle.h"
+#include "platform/socket.h"
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"
 
 namespace tw::http {
 namespace {
 
-constexpr int32_t kStatusOk = 200;
 constexpr int32_t kStatusPartial = 206;
-constexpr int32_t kStatusBadRequest = 400;
-constexpr int32_t kStatusNotAcceptable = 406;
 constexpr int32_t kStatusRangeNotSatisfiable = 416;
 // The TLS module's "connection is gone" result.
 constexpr int64_t kTlsConnectionLost = -2;
+// A file body read through the handle (TLS, multi-part files) goes out in blocks of this size.
+constexpr uint32_t kFileBlockSize = 64 * 1024;
+// A file that ends before its announced range may still be growing (a recording): it gets one
+// more chance after this pause, as the media file reader gives it.
+constexpr int32_t kGrowingFileRetryMs = 50;
+
+bool SendHead(HttpRequest& request, const ResponseHead& head) noexcept {
+  return SendOnConnection(request, head.text, static_cast<int64_t>(head.length)) >= 0;
+}
+
+// A file body through the handle: for TLS, where the bytes must pass the send hook, and for
+// multi-part media files, which no single descriptor holds.
+bool SendFileBlocks(HttpRequest& request, upnp_file* file, int64_t offset,
+                    int64_t length) noexcept {
+  if (upnp_mediafile_seek(file, offset, 0) != offset) return false;
+  const uint32_t size = length < kFileBlockSize ? static_cast<uint32_t>(length) : kFileBlockSize;
+  auto* block = static_cast<char*>(upnp_malloc_impl(size));
+  if (block == nullptr) return false;
+  bool ok = true;
+  while (ok && length > 0) {  // each round sends at least one byte or stops
+    const uint32_t want = length < size ? static_cast<uint32_t>(length) : size;
+    const int32_t got = upnp_mediafile_read(file, block, want);
+    ok = got > 0 && SendOnConnection(request, block, got) >= 0;
+    length -= got;
+  }
+  upnp_free_impl(block);
+  return ok;
+}
+
+// A file body with sendfile; true when all of it went out.
+bool SendFileDirect(HttpRequest& request, upnp_file* file, int64_t offset,
+                    int64_t length) noexcept {
+  int64_t sent = platform::SendFileRange(request.socket, file->descriptor, offset, length);
+  if (sent >= 0 && sent < length && file->complete == 0) {
+    Sleep(kGrowingFileRetryMs);
+    const int64_t more =
+        platform::SendFileRange(request.socket, file->descriptor, offset + sent, length - sent);
+    sent = more < 0 ? more : sent + more;
+  }
+  return sent == length;
+}
 
 }  // namespace
 
@@ -83,9 +126,18 @@ int32_t SendInMemory(HttpRequest& request, const char* data) noexcept {
     status = kStatusPartial;
   }
 
-  const int32_t header = HTTP_send_header(&request, status);
-  if (header != 0) return header;
-  if ((request.method & HTTP_METHOD_HEAD) != 0 || request.content_length <= 0) return kHttpOk;
+  ResponseHead head;
+  PrepareResponseHeader(request, status, &head);
+  if ((request.method & HTTP_METHOD_HEAD) != 0 || request.content_length <= 0) {
+    return SendHead(request, head) ? kHttpOk : kHttpFail;
+  }
+  if (request.tls == 0 && !pad) {
+    // Header and body in one write: a small answer leaves in one segment and one system call.
+    const int64_t sent = platform::SendPair(
+        request.socket, head.text, static_cast<int64_t>(head.length), data + offset, available);
+    return sent >= 0 ? kHttpOk : kHttpFail;
+  }
+  if (!SendHead(request, head)) return kHttpFail;
   if (available > 0 && SendOnConnection(request, data + offset, available) < 0) return kHttpFail;
   // The announced length runs one byte past the handler's data (the range rule above). That byte
   // would be the handler's text terminator, so a NUL goes out: the framing stays right without
@@ -93,6 +145,29 @@ int32_t SendInMemory(HttpRequest& request, const char* data) noexcept {
   static constexpr char kNul[1] = {'\0'};
   if (pad && SendOnConnection(request, kNul, 1) < 0) return kHttpFail;
   return kHttpOk;
+}
+
+int32_t SendFile(HttpRequest& request, int32_t status, upnp_file* file, int64_t offset) noexcept {
+  ResponseHead head;
+  PrepareResponseHeader(request, status, &head);
+  const int64_t length = request.content_length;
+  if ((request.method & HTTP_METHOD_HEAD) != 0 || length <= 0) {
+    return SendHead(request, head) ? kHttpOk : kHttpFail;
+  }
+  bool sent = false;
+  if (request.tls == 0 && file->parts == nullptr) {
+    // The header waits in the socket (MSG_MORE) for the file's first bytes: the pair leaves in
+    // full segments, and the body never passes through this process.
+    sent = platform::SendPair(request.socket, head.text, static_cast<int64_t>(head.length), nullptr,
+                              0, true) >= 0 &&
+           SendFileDirect(request, file, offset, length);
+  } else {
+    sent = SendHead(request, head) && SendFileBlocks(request, file, offset, length);
+  }
+  if (sent) return kHttpOk;
+  // Fewer bytes than the header announced: the framing is lost, so the connection must end.
+  request.close_connection = 1;
+  return kHttpFail;
 }
 
 void FreeFileCache(HttpFileCache* cache) noexcept {

@@ -29,6 +29,11 @@ int32_t RangeErrorStatus(const HttpRequest& request) noexcept;
 // 0 when sent; the header's or error page's result, or 1 when the body send failed.
 int32_t SendInMemory(HttpRequest& request, const char* data) noexcept;
 
+// The header composed for status, then request.content_length bytes of file from offset (none
+// for a HEAD). 0 when sent; 1 when a send failed or the file ended early, which also marks the
+// connection for closing (its framing is lost).
+int32_t SendFile(HttpRequest& request, int32_t status, upnp_file* file, int64_t offset) noexcept;
+
 // Writes the header of a chunked response for content_type and date into out (cut at size);
 // returns the length of the full text, as snprintf does.
 int FormatChunkedHeader(char* out, size_t size, const char* content_type,

@@ -13,6 +13,12 @@ TW_API int32_t HTTP_send(HttpRequest* request, const char* data) noexcept {
   return tw::http::SendInMemory(*request, data);
 }
 
+TW_API int32_t HTTP_send_file(HttpRequest* request, int32_t status, upnp_file* file,
+                              int64_t offset) noexcept {
+  if (request == nullptr || file == nullptr || offset < 0) return tw::kHttpFail;
+  return tw::http::SendFile(*request, status, file, offset);
+}
+
 TW_API int64_t upnp_send_ssl(HttpRequest* request, const void* data, int64_t length) noexcept {
   if (request == nullptr) return tw::kSysFail;
   if (data == nullptr && length > 0) return tw::kSysFail;

@@ -68,35 +68,17 @@ const StatusText* FindStatus(int32_t status) noexcept {
   return nullptr;
 }
 
-// The six work buffers of one composition, allocated as one group.
-class WorkBuffers {
- public:
-  WorkBuffers() noexcept {
-    void* blocks[6] = {};
-    group_ = upnp_group_malloc(6, &blocks[0], static_cast<uint32_t>(kResponseHeaderSize),
-                               &blocks[1], kLineSize, &blocks[2], kRangeLineSize, &blocks[3],
-                               kLineSize, &blocks[4], kLineSize, &blocks[5], kLineSize);
-    header = static_cast<char*>(blocks[0]);
-    content_length = static_cast<char*>(blocks[1]);
-    range = static_cast<char*>(blocks[2]);
-    content_type = static_cast<char*>(blocks[3]);
-    last_modified = static_cast<char*>(blocks[4]);
-    status_line = static_cast<char*>(blocks[5]);
-  }
-  ~WorkBuffers() { upnp_group_free(group_); }
-  WorkBuffers(const WorkBuffers&) = delete;
-  WorkBuffers& operator=(const WorkBuffers&) = delete;
-  bool ok() const noexcept { return group_ != nullptr; }
-
-  char* header;
-  char* content_length;
-  char* range;
-  char* content_type;
-  char* last_modified;
-  char* status_line;
-
- private:
-  void* group_;
+// The work buffers of one composition besides the head itself. Together with the head they
+// are over 9 KiB, but they live only while one response is composed, so they sit on the
+// sending thread's stack (worker threads have 128 KiB) instead of costing an allocation.
+struct WorkBuffers {
+  explicit WorkBuffers(char* head) noexcept : header(head) {}
+  char* header;  // kResponseHeaderSize bytes: the caller's ResponseHead
+  char content_length[kLineSize];
+  char range[kRangeLineSize];
+  char content_type[kLineSize];
+  char last_modified[kLineSize];
+  char status_line[kLineSize];
 };
 
 std::string_view Number(int64_t value, char (&buffer)[kNumberSize]) noexcept {
@@ -357,17 +339,16 @@ void AddHeaderLines(HttpRequest& request, const char* lines) noexcept {
   buffer[used + length] = '\0';
 }
 
-bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPriority* priority,
-                           const ResponseEnvironment& env) {
-  if (priority != nullptr) *priority = SocketPriority::kNone;
-  WorkBuffers work;
-  if (!work.ok()) return false;
+void ComposeResponseHeader(HttpRequest& r, int32_t status, ResponseHead* out,
+                           const ResponseEnvironment& env) noexcept {
+  WorkBuffers work(out->text);
   TerminateRequestTexts(r);
   char date[kDateSize] = "";
   env.date_now(date, sizeof(date));
   const bool answer_as_10 = r.http_version == kHttp10 && env.needs_1_0_response(r.client_id) != 0;
   WriteLastModified(r, work.last_modified);
   status = StatusAfterChecks(r, status, env);
+  out->status = status;
   StatusChoice choice = ChooseStatus(r, status, answer_as_10);
   choice.text = WriteRangeFor(r, status, choice.text, work.range);
   WriteStatusLine(answer_as_10, choice.text, work.status_line);
@@ -375,22 +356,21 @@ bool ComposeResponseHeader(HttpRequest& r, int32_t status, String* out, SocketPr
   char pcm_parameters[kLineSize];
   WritePcmParameters(r, mime, pcm_parameters);
   WriteContentLength(r, work.content_length);
-  const SocketPriority asked = AddExtraLines(r);
-  if (priority != nullptr) *priority = asked;
+  out->priority = AddExtraLines(r);
   WriteContentType(r, mime, pcm_parameters, env, work.content_type);
-  out->assign(work.header, WriteHead(r, env, date, work));
-  return true;
+  out->length = WriteHead(r, env, date, work);
+}
+
+void PrepareResponseHeader(HttpRequest& request, int32_t status, ResponseHead* out) noexcept {
+  ComposeResponseHeader(request, status, out);
+  ApplyPriority(request.socket, out->priority);
+  upnp_log_info_impl(UPNP_LOG_HTTP, "HTTP_send_header %s", out->text);
 }
 
 bool SendResponseHeader(HttpRequest& request, int32_t status) noexcept {
-  return Guard(false, [&] {
-    String header;
-    SocketPriority priority = SocketPriority::kNone;
-    if (!ComposeResponseHeader(request, status, &header, &priority)) return false;
-    ApplyPriority(request.socket, priority);
-    upnp_log_info_impl(UPNP_LOG_HTTP, "HTTP_send_header %s", header.c_str());
-    return upnp_send_ssl(&request, header.data(), static_cast<int64_t>(header.size())) >= 0;
-  });
+  ResponseHead head;
+  PrepareResponseHeader(request, status, &head);
+  return upnp_send_ssl(&request, head.text, static_cast<int64_t>(head.length)) >= 0;
 }
 
 }  // namespace tw::http

@@ -6,7 +6,6 @@
 #include <cstdint>
 
 #include "http/dlna_headers.h"
-#include "platform/allocator.h"
 #include "tarnwick/http.h"
 
 namespace tw::http {
@@ -25,16 +24,28 @@ struct ResponseEnvironment {
 };
 const ResponseEnvironment& LiveEnvironment() noexcept;
 
+// One composed response head: its text, the status that goes out (the checks may turn a 200
+// into an error) and the socket priority its transfer mode asks for. Over 8 KiB: meant for the
+// sending thread's stack, where it costs no allocation per response.
+struct ResponseHead {
+  char text[kResponseHeaderSize];
+  size_t length = 0;
+  int32_t status = 0;
+  SocketPriority priority = SocketPriority::kNone;
+};
+
 // Composes the header that HTTP_send_header sends for status into *out (at most
 // kResponseHeaderSize - 1 bytes), applying every DLNA rule and client quirk. It updates the
 // request as sending does (content_length, close_connection, extra_headers; header handlers
-// run) and reports the socket priority to set in *priority (may be null). False when memory is
-// short (nothing is composed then). May throw std::bad_alloc from *out.
-bool ComposeResponseHeader(HttpRequest& request, int32_t status, String* out,
-                           SocketPriority* priority = nullptr,
-                           const ResponseEnvironment& env = LiveEnvironment());
+// run).
+void ComposeResponseHeader(HttpRequest& request, int32_t status, ResponseHead* out,
+                           const ResponseEnvironment& env = LiveEnvironment()) noexcept;
 
-// Composes, logs and sends the header; false for a failed composition or send.
+// Composes the header, sets the socket priority and logs it: everything but the send, for the
+// senders that put the header and the body on the wire together.
+void PrepareResponseHeader(HttpRequest& request, int32_t status, ResponseHead* out) noexcept;
+
+// Composes, logs and sends the header; false for a failed send.
 bool SendResponseHeader(HttpRequest& request, int32_t status) noexcept;
 
 // Appends lines to extra_headers, never past its last byte, which stays NUL.

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "platform/file_handle.h"
+#include "platform/fs_internal.h"
 #include "platform/log_hook.h"
 #include "tarnwick/platform.h"
 
@@ -71,8 +72,14 @@ upnp_file* OpenFile(const char* path, OpenMode mode) noexcept {
   }
   handle->descriptor = fd;
   if (mode != OpenMode::kWrite) {
+    // The descriptor's own status, not the path's: one system call, and it describes the file
+    // this handle reads even when the path is replaced meanwhile.
     upnp_stat st{};
-    if (upnp_file_stat(path, &st) == 0) handle->size = st.size;
+    if (StatDescriptor(fd, &st) == 0) {
+      handle->size = st.size;
+      handle->mtime = st.mtime;
+      handle->mode = st.mode;
+    }
   }
   return handle;
 }

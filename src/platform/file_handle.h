@@ -19,8 +19,10 @@ struct upnp_file_part {
 struct upnp_file {
   int32_t descriptor;  // -1 when the open failed
   int32_t complete;    // 1 for media files; 0 lets an empty read retry once (growing files)
-  uint64_t size;       // from stat at open time
-  uint64_t position;   // kept up to date by reads and seeks; logical for multi-part files
+  uint64_t size;       // from the descriptor's status at open time (reads: logical size)
+  int64_t mtime;       // the same status: modification time and mode (upnp_file_get_stat)
+  uint32_t mode;
+  uint64_t position;  // kept up to date by reads and seeks; logical for multi-part files
   upnp_file_part* parts;
   upnp_file_part* current_part;
 };

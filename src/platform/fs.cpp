@@ -33,6 +33,12 @@ struct upnp_find_handle {
 namespace tw::platform {
 namespace {
 
+void FillStat(const struct stat64& st, upnp_stat* record) noexcept {
+  record->size = static_cast<uint64_t>(st.st_size);
+  record->mtime = static_cast<int64_t>(st.st_mtime);
+  record->mode = static_cast<uint32_t>(st.st_mode);
+}
+
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kDirMode = 0777;
 constexpr size_t kMaxEntryPath = 2048;
@@ -128,6 +134,14 @@ int32_t Touch(const char* path, int64_t time) noexcept {
   return utimensat(AT_FDCWD, path, times, 0);
 }
 
+int32_t StatDescriptor(int32_t fd, upnp_stat* record) noexcept {
+  struct stat64 st;
+  const int rc = fstat64(fd, &st);
+  if (rc != 0) return rc;
+  FillStat(st, record);
+  return 0;
+}
+
 }  // namespace tw::platform
 
 extern "C" {
@@ -192,9 +206,15 @@ TW_API int32_t upnp_file_stat(const char* path, upnp_stat* record) noexcept {
   struct stat64 st;
   const int rc = stat64(path, &st);
   if (rc != 0) return rc;
-  record->size = static_cast<uint64_t>(st.st_size);
-  record->mtime = static_cast<int64_t>(st.st_mtime);
-  record->mode = static_cast<uint32_t>(st.st_mode);
+  tw::platform::FillStat(st, record);
+  return 0;
+}
+
+TW_API int32_t upnp_file_get_stat(const upnp_file* handle, upnp_stat* record) noexcept {
+  if (handle == nullptr || record == nullptr || handle->descriptor < 0) return tw::kSysFail;
+  record->size = handle->size;
+  record->mtime = handle->mtime;
+  record->mode = handle->mode;
   return 0;
 }
 

@@ -7,12 +7,15 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "base/fixed_text.h"
 #include "platform/log_hook.h"
@@ -104,6 +107,70 @@ int32_t SetTimeout(int32_t socket, int option, int32_t ms) noexcept {
 }
 
 }  // namespace
+
+namespace tw::platform {
+
+int64_t SendPair(int32_t socket, const void* first, int64_t first_length, const void* second,
+                 int64_t second_length, bool more_follows) noexcept {
+  if (socket < 0 || first_length < 0 || second_length < 0) return kFail;
+  iovec pieces[2];
+  int count = 0;
+  for (const auto& [data, length] : {std::pair{first, first_length}, {second, second_length}}) {
+    if (length > 0) pieces[count++] = {const_cast<void*>(data), static_cast<size_t>(length)};
+  }
+  msghdr message{};
+  message.msg_iov = pieces;
+  message.msg_iovlen = static_cast<size_t>(count);
+  const int flags = MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0);
+  int64_t total = 0;
+  // Retried like upnp_send; a partial write moves the pieces on and sends the rest.
+  while (message.msg_iovlen > 0) {
+    const ssize_t sent = sendmsg(socket, &message, flags);
+    if (sent < 0) {
+      if (IsTransient(errno)) {
+        PauseMs(kRetryPauseMs);
+        continue;
+      }
+      return kFail;
+    }
+    if (sent == 0) return kFail;  // cannot progress; never spin
+    total += sent;
+    size_t left = static_cast<size_t>(sent);
+    while (message.msg_iovlen > 0 && left >= message.msg_iov[0].iov_len) {
+      left -= message.msg_iov[0].iov_len;
+      ++message.msg_iov;
+      --message.msg_iovlen;
+    }
+    if (message.msg_iovlen > 0) {
+      message.msg_iov[0].iov_base = static_cast<char*>(message.msg_iov[0].iov_base) + left;
+      message.msg_iov[0].iov_len -= left;
+    }
+  }
+  return total;
+}
+
+int64_t SendFileRange(int32_t socket, int32_t fd, int64_t offset, int64_t count) noexcept {
+  if (socket < 0 || fd < 0 || offset < 0 || count < 0) return kFail;
+  off64_t position = static_cast<off64_t>(offset);
+  int64_t total = 0;
+  while (total < count) {
+    const int64_t remaining = count - total;
+    const size_t chunk = static_cast<size_t>(remaining < kMaxSendChunk ? remaining : kMaxSendChunk);
+    const ssize_t sent = sendfile64(socket, fd, &position, chunk);
+    if (sent < 0) {
+      if (IsTransient(errno)) {
+        PauseMs(kRetryPauseMs);
+        continue;
+      }
+      return kFail;
+    }
+    if (sent == 0) break;  // the file ended before the range did
+    total += sent;
+  }
+  return total;
+}
+
+}  // namespace tw::platform
 
 extern "C" {
 

@@ -18,4 +18,16 @@ bool ParseIpv4(const char* text, uint32_t* address_out) noexcept;
 // milliseconds) before the second write leaves. Returns the system result.
 int32_t SetTcpNoDelay(int32_t socket) noexcept;
 
+// Sends two buffers in one write (a response's header and a small body: one system call, and
+// they leave together). With more_follows the kernel holds the bytes back for the write that
+// comes next (MSG_MORE), so a header in front of SendFileRange fills the same segments.
+// Transient errors are retried as upnp_send retries them. The total sent, or -1.
+int64_t SendPair(int32_t socket, const void* first, int64_t first_length, const void* second,
+                 int64_t second_length, bool more_follows = false) noexcept;
+
+// Sends count bytes of the file descriptor fd, from offset, on socket (sendfile: no copy through
+// user space, and the descriptor's own position is left alone). The bytes sent, fewer when the
+// file ends first, or -1 when the socket fails.
+int64_t SendFileRange(int32_t socket, int32_t fd, int64_t offset, int64_t count) noexcept;
+
 }  // namespace tw::platform

@@ -54,9 +54,10 @@ class HttpResponseHeader : public LeakCheck {
     return *request_;
   }
   std::string Compose(int32_t status, SocketPriority* priority = nullptr) {
-    tw::String out;
-    EXPECT_TRUE(tw::http::ComposeResponseHeader(*request_, status, &out, priority, kFakeEnv));
-    return std::string(out.data(), out.size());
+    tw::http::ResponseHead head;
+    tw::http::ComposeResponseHeader(*request_, status, &head, kFakeEnv);
+    if (priority != nullptr) *priority = head.priority;
+    return std::string(head.text, head.length);
   }
   std::string StatusLine(int32_t status) {
     std::string header = Compose(status);
