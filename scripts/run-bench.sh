@@ -76,3 +76,8 @@ fi
 if [ -x "$dir/tarnwick-mediaserver" ]; then
   sh bench/browse_bench.sh "$dir"
 fi
+# The example server against nginx serving the same files (small GETs, streaming), and its
+# M-SEARCH answer time, inside the namespace.
+if [ -x "$dir/tarnwick-mediaserver" ]; then
+  sh bench/nginx_bench.sh "$dir"
+fi
