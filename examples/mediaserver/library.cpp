@@ -324,25 +324,24 @@ bool FindObject(const std::string& id, Object* out, bool count_children) {
   }
 }
 
-upnp_file* OpenItem(const std::string& id, Object* out) {
+bool ItemPathOfId(const std::string& id, std::string* path) {
   std::string relative;
-  if (!RelativePathOfId(id, &relative) || relative.empty()) return nullptr;
+  if (!RelativePathOfId(id, &relative) || relative.empty()) return false;
   const std::string folder = Folder();
-  if (folder.empty() || Depth(relative) > kMaxDepth) return nullptr;
+  if (folder.empty() || Depth(relative) > kMaxDepth) return false;
   if (!WasListed(id)) {
-    // Resolved through the listings first; the status is then read once more, from the file
-    // that is opened.
     Object found;
-    if (!FindObject(id, &found, false) || found.container) return nullptr;
+    if (!FindObject(id, &found, false) || found.container) return false;
   }
-  upnp_file* file = upnp_file_open_read((folder + "/" + relative).c_str());
-  upnp_stat info{};
-  if (file == nullptr || upnp_file_get_stat(file, &info) != 0 ||
-      !MakeListedObject(folder, relative, info, out) || out->container) {
-    if (file != nullptr) upnp_file_close(file);
-    return nullptr;
-  }
-  return file;
+  *path = folder + "/" + relative;
+  return true;
+}
+
+bool ItemOfStatus(const std::string& id, const upnp_stat& info, Object* out) {
+  std::string relative;
+  const std::string folder = Folder();
+  return RelativePathOfId(id, &relative) && !relative.empty() && !folder.empty() &&
+         MakeListedObject(folder, relative, info, out) && !out->container;
 }
 
 bool ListChildren(const Object& container, std::vector<Object>* out) {

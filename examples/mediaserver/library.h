@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "media_probe.h"
-#include "tarnwick/types.h"
+#include "tarnwick/platform.h"
 
 namespace mediaserver {
 
@@ -45,10 +45,12 @@ void SetSharedFolder(const std::string& folder, const std::string& root_title);
 // about to list it anyway passes count_children false (child_count is then 0).
 bool FindObject(const std::string& id, Object* out, bool count_children = true);
 
-// Resolves an item's ID as FindObject does and opens its file for reading. The item's facts
-// come from the open file's status, so a fetch asks the system for it once. Null when the ID
-// names no item (or the file cannot be opened); the caller closes the handle.
-upnp_file* OpenItem(const std::string& id, Object* out);
+// The two halves of resolving an item for a fetch, so that the caller decides how the file's
+// status is had (from a file it opens, or one it holds open already):
+// the path of the item an ID names, resolved as FindObject resolves it (false: no such item);
+bool ItemPathOfId(const std::string& id, std::string* path);
+// and the item's object from that file's status (false: not a shown item).
+bool ItemOfStatus(const std::string& id, const upnp_stat& info, Object* out);
 
 // The children of a container: containers first, then items, each group by name. False when
 // the object is not a container or the folder cannot be read.

@@ -38,11 +38,72 @@ int32_t RangeError(const HttpRequest& request, int64_t size) {
   return 0;
 }
 
+// The connection's last item stays open in the library's per-connection file cache (freed by
+// the library when the connection ends): a renderer fetches range after range of one file over
+// one connection, and each fetch then needs no open, no status read and no close. The path is
+// looked at again once a second, so a file replaced or rewritten meanwhile is opened afresh.
+// The cache's first block holds what was opened.
+constexpr int64_t kRecheckMs = 1000;
+struct CachedItem {
+  int64_t checked_ms;  // when the path's status last matched
+  upnp_stat status;
+  char path[1];  // the rest of the block
+};
+
+bool SameFile(const upnp_stat& a, const upnp_stat& b) {
+  return a.size == b.size && a.mtime == b.mtime && a.mode == b.mode;
+}
+
+upnp_file* OpenThroughCache(HttpRequest* request, const std::string& id, Object* item,
+                            bool* owned) {
+  *owned = false;
+  std::string path;
+  if (!ItemPathOfId(id, &path)) return nullptr;
+  HttpFileCache* cache = request->file_cache;
+  auto* cached = cache != nullptr ? static_cast<CachedItem*>(cache->blocks[0]) : nullptr;
+  const int64_t now = getSystemTime();
+  if (cached != nullptr && cache->file != nullptr && path == cached->path) {
+    upnp_stat info{};
+    const bool fresh = now - cached->checked_ms < kRecheckMs;
+    if (fresh || (upnp_file_stat(path.c_str(), &info) == 0 && SameFile(info, cached->status))) {
+      if (!fresh) cached->checked_ms = now;
+      return ItemOfStatus(id, cached->status, item) ? cache->file : nullptr;
+    }
+  }
+  upnp_file* file = upnp_file_open_read(path.c_str());
+  upnp_stat info{};
+  if (file == nullptr || upnp_file_get_stat(file, &info) != 0 || !ItemOfStatus(id, info, item)) {
+    if (file != nullptr) upnp_file_close(file);
+    return nullptr;
+  }
+  if (cache == nullptr) {
+    cache = static_cast<HttpFileCache*>(upnp_calloc_impl(1, sizeof(HttpFileCache)));
+    if (cache == nullptr) {
+      *owned = true;  // served uncached
+      return file;
+    }
+    request->file_cache = cache;
+  }
+  if (cache->file != nullptr) upnp_file_close(cache->file);
+  upnp_free_impl(cache->blocks[0]);
+  cache->file = file;
+  cached = static_cast<CachedItem*>(upnp_malloc_impl(sizeof(CachedItem) + path.size()));
+  if (cached != nullptr) {
+    cached->checked_ms = now;
+    cached->status = info;
+    std::memcpy(cached->path, path.c_str(), path.size() + 1);
+  }
+  cache->blocks[0] = cached;
+  return file;
+}
+
 int32_t OnMedia(HttpRequest* request) {
   std::string id;
   Object item;
+  bool owned = false;
   upnp_file* file = nullptr;
-  if (!ObjectIdOfResourcePath(request->url, &id) || (file = OpenItem(id, &item)) == nullptr) {
+  if (!ObjectIdOfResourcePath(request->url, &id) ||
+      (file = OpenThroughCache(request, id, &item, &owned)) == nullptr) {
     return HTTP_send_file_not_found(request);
   }
   const int64_t size = item.size;
@@ -70,7 +131,7 @@ int32_t OnMedia(HttpRequest* request) {
     // Header and body in one call: sendfile on a plain connection, the TLS hook otherwise.
     result = HTTP_send_file(request, status, file, offset);
   }
-  upnp_file_close(file);
+  if (owned) upnp_file_close(file);
   return result;
 }
 

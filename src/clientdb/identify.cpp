@@ -5,6 +5,7 @@
 // and a peer without a hardware address is not asked for one again for a while.
 #include "clientdb/identify.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,6 +32,34 @@ constexpr const char* kOwnRequestMarks[] = {"/rpc/", "/configpage/", "/resources
                                             "Aggregation, Tarnwick"};
 
 // ---- the prepared patterns ----
+// A pattern can only be in a head whose byte pairs include the pattern's. Each pattern keeps a
+// few of its (lower-cased) pairs, and each head a bit set of its own: most patterns are then
+// ruled out by a bit test or two instead of a search through the head.
+constexpr uint32_t kPairBits = 4096;
+constexpr int kSignaturePairs = 4;
+struct PairSignature {
+  uint16_t bits[kSignaturePairs] = {};
+  int count = 0;  // 0: too short to sign, always searched
+};
+
+uint32_t PairBit(unsigned char a, unsigned char b) noexcept {
+  return ((static_cast<uint32_t>(a) << 4) ^ b) & (kPairBits - 1);
+}
+
+// Pairs spread over the pattern: its start and end, and two between them.
+PairSignature SignatureOf(const char* text, std::size_t n) noexcept {
+  PairSignature signature;
+  if (n < 2) return signature;
+  const std::size_t last = n - 2;
+  const std::size_t picks[kSignaturePairs] = {0, last / 3, 2 * last / 3, last};
+  for (const std::size_t at : picks) {
+    signature.bits[signature.count++] =
+        static_cast<uint16_t>(PairBit(ascii::ToLower(static_cast<unsigned char>(text[at])),
+                                      ascii::ToLower(static_cast<unsigned char>(text[at + 1]))));
+  }
+  return signature;
+}
+
 struct Pattern {
   int32_t type;
   int32_t fix;       // 0, or 1 ("DB:FIX") / 2 ("DB:FIXPC"): the first such match wins
@@ -40,6 +69,8 @@ struct Pattern {
   char* second;  // "H2:", or null; matched exactly, and only when there is no "HH:"
   std::size_t second_length;
   char* name;  // "NA:", or null
+  PairSignature head_pairs;
+  PairSignature second_pairs;
 };
 struct Patterns {
   Pattern* rows = nullptr;
@@ -82,6 +113,11 @@ class LowerHead {
     for (std::size_t i = 0; i < length_; ++i)
       text_[i] = static_cast<char>(ascii::ToLower(static_cast<unsigned char>(head[i])));
     text_[length_] = '\0';
+    for (std::size_t i = 0; i + 1 < length_; ++i) {
+      const uint32_t bit =
+          PairBit(static_cast<unsigned char>(text_[i]), static_cast<unsigned char>(text_[i + 1]));
+      pairs_[bit / 64] |= uint64_t{1} << (bit % 64);
+    }
   }
   ~LowerHead() {
     if (text_ != nullptr && text_ != stack_) upnp_free_impl(text_);
@@ -89,11 +125,20 @@ class LowerHead {
   LowerHead(const LowerHead&) = delete;
   LowerHead& operator=(const LowerHead&) = delete;
   const char* text() const noexcept { return text_; }
+  // False when the head lacks one of the pattern's pairs, so it cannot contain the pattern.
+  bool MayContain(const PairSignature& signature) const noexcept {
+    for (int i = 0; i < signature.count; ++i) {
+      const uint32_t bit = signature.bits[i];
+      if ((pairs_[bit / 64] & (uint64_t{1} << (bit % 64))) == 0) return false;
+    }
+    return true;
+  }
   std::size_t length() const noexcept { return length_; }
 
  private:
   std::size_t length_;
   char* text_ = nullptr;
+  uint64_t pairs_[kPairBits / 64] = {};
   char stack_[kStackHead];
 };
 
@@ -112,8 +157,11 @@ bool MatchHead(const char* head, Match* out) noexcept {
     const Pattern& row = patterns.rows[i];
     bool by_second = false;
     if (row.head != nullptr) {
-      if (!Contains(lower.text(), lower.length(), row.head_lower, row.head_length)) continue;
-    } else if (row.second != nullptr &&
+      if (!lower.MayContain(row.head_pairs) ||
+          !Contains(lower.text(), lower.length(), row.head_lower, row.head_length)) {
+        continue;
+      }
+    } else if (row.second != nullptr && lower.MayContain(row.second_pairs) &&
                Contains(head, lower.length(), row.second, row.second_length)) {
       by_second = true;
     } else {
@@ -282,9 +330,11 @@ void BuildMatcher() noexcept {
       row.head_length = std::strlen(row.head);
       row.head_lower = LowerCopy(row.head, row.head_length);
       if (row.head_lower == nullptr) FreeText(row.head);  // shortage: the type cannot match
+      row.head_pairs = SignatureOf(row.head, row.head_length);
     }
     row.second = KeywordCopy(entry, "H2:", false);
     row.second_length = row.second != nullptr ? std::strlen(row.second) : 0;
+    row.second_pairs = SignatureOf(row.second, row.second_length);
     row.name = KeywordCopy(entry, "NA:", false);
   }
   g_patterns.rows = rows;

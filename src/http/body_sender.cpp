@@ -23,11 +23,20 @@ constexpr int32_t kStatusPartial = 206;
 constexpr int32_t kStatusRangeNotSatisfiable = 416;
 // The TLS module's "connection is gone" result.
 constexpr int64_t kTlsConnectionLost = -2;
+// File bodies up to this size are read and leave with their header in one write: for them the
+// copy is cheaper than sendfile's setup, and the response costs one send instead of two.
+constexpr uint32_t kInlineFileBody = 16 * 1024;
 // A file body read through the handle (TLS, multi-part files) goes out in blocks of this size.
 constexpr uint32_t kFileBlockSize = 64 * 1024;
 // A file that ends before its announced range may still be growing (a recording): it gets one
 // more chance after this pause, as the media file reader gives it.
 constexpr int32_t kGrowingFileRetryMs = 50;
+
+// A body that did not (fully) go out: the framing is lost, so the connection must end.
+int32_t Lost(HttpRequest& request) noexcept {
+  request.close_connection = 1;
+  return kHttpFail;
+}
 
 bool SendHead(HttpRequest& request, const ResponseHead& head) noexcept {
   return SendOnConnection(request, head.text, static_cast<int64_t>(head.length)) >= 0;
@@ -155,6 +164,18 @@ int32_t SendFile(HttpRequest& request, int32_t status, upnp_file* file, int64_t 
     return SendHead(request, head) ? kHttpOk : kHttpFail;
   }
   bool sent = false;
+  if (request.tls == 0 && file->parts == nullptr && length <= kInlineFileBody) {
+    char body[kInlineFileBody];
+    const auto small = static_cast<uint32_t>(length);
+    if (platform::ReadAt(file, body, small, offset) == length) {
+      return platform::SendPair(request.socket, head.text, static_cast<int64_t>(head.length), body,
+                                length) >= 0
+                 ? kHttpOk
+                 : Lost(request);
+    }
+    // A short read (a file that shrank, or one still being written) takes the sendfile road
+    // below, which gives a growing file its second chance; nothing has been sent yet.
+  }
   if (request.tls == 0 && file->parts == nullptr) {
     // The header waits in the socket (MSG_MORE) for the file's first bytes: the pair leaves in
     // full segments, and the body never passes through this process.
@@ -164,10 +185,7 @@ int32_t SendFile(HttpRequest& request, int32_t status, upnp_file* file, int64_t 
   } else {
     sent = SendHead(request, head) && SendFileBlocks(request, file, offset, length);
   }
-  if (sent) return kHttpOk;
-  // Fewer bytes than the header announced: the framing is lost, so the connection must end.
-  request.close_connection = 1;
-  return kHttpFail;
+  return sent ? kHttpOk : Lost(request);
 }
 
 void FreeFileCache(HttpFileCache* cache) noexcept {

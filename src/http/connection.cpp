@@ -4,6 +4,7 @@
 #include "http/connection.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -374,27 +375,52 @@ int32_t AcceptLoop(upnp_server_data* server) noexcept {
   return 0;
 }
 
-int32_t ServeOne(HttpConnection* connection, HttpRequest* reused, const char* peer_ip) noexcept {
-  HttpRequest* request = reused;
+namespace {
+
+// Clears a reused record for the next request. The three big texts (17 KiB of the record) are
+// C strings to every reader, so a terminator clears them; the rest is zeroed as a fresh record
+// would be.
+void ClearForNextRequest(HttpRequest* request) noexcept {
+  char* const base = reinterpret_cast<char*>(request);
+  const auto zero = [base](size_t from, size_t to) { std::memset(base + from, 0, to - from); };
+  zero(0, offsetof(HttpRequest, url));
+  zero(offsetof(HttpRequest, url) + sizeof(request->url), offsetof(HttpRequest, header));
+  zero(offsetof(HttpRequest, header) + sizeof(request->header),
+       offsetof(HttpRequest, extra_headers));
+  zero(offsetof(HttpRequest, extra_headers) + sizeof(request->extra_headers), sizeof(HttpRequest));
+  request->url[0] = '\0';
+  request->header[0] = '\0';
+  request->extra_headers[0] = '\0';
+}
+
+void FormatBaseUrl(const upnp_server_data* server, char* out, size_t size) noexcept {
+  std::snprintf(out, size, "http://%s:%d/", server->ip_address,
+                static_cast<int>(server->http_port));
+}
+
+}  // namespace
+
+int32_t ServeOne(HttpConnection* connection, ConnectionScratch* scratch) noexcept {
+  HttpRequest* request = scratch != nullptr ? scratch->request : nullptr;
   if (request != nullptr) {
-    std::memset(request, 0, sizeof(*request));  // each request starts from a cleared record
+    ClearForNextRequest(request);
   } else {
     request = static_cast<HttpRequest*>(upnp_calloc_impl(1, sizeof(HttpRequest)));
     if (request == nullptr) return 1;
   }
   const upnp_server_data* server = connection->server;
-  if (peer_ip != nullptr) {
-    CopyCut(request->client_ip, sizeof(request->client_ip), peer_ip);
+  if (scratch != nullptr) {
+    CopyCut(request->client_ip, sizeof(request->client_ip), scratch->peer_ip);
+    CopyCut(request->base_url, sizeof(request->base_url), scratch->base_url);
   } else {
     int32_t peer_port = 0;
     upnp_util_get_peername(connection->socket, request->client_ip, &peer_port);
+    FormatBaseUrl(server, request->base_url, sizeof(request->base_url));
   }
   request->socket = connection->socket;
   request->tls = connection->tls != nullptr ? 1 : 0;
   request->tls_session = connection->tls_session;
   request->file_cache = connection->file_cache;
-  std::snprintf(request->base_url, sizeof(request->base_url), "http://%s:%d/", server->ip_address,
-                static_cast<int>(server->http_port));
 
   upnp_string* body = nullptr;
   const int32_t result = Serve(connection, request, &body);
@@ -402,7 +428,7 @@ int32_t ServeOne(HttpConnection* connection, HttpRequest* reused, const char* pe
   if (body != nullptr) upnp_string_free(body);
   connection->file_cache = request->file_cache;
   const bool close = request->socket != -1 && request->close_connection != 0;
-  if (request != reused) upnp_free_impl(request);
+  if (scratch == nullptr || request != scratch->request) upnp_free_impl(request);
   return close ? 1 : result;
 }
 
@@ -410,14 +436,19 @@ void ConnectionLoop(HttpConnection* connection) noexcept {
   // The peer stays the same and the request record can be reused: both are taken once per
   // connection, not once per request. No idle time-out of its own: a kept-alive connection
   // waits in the head read until the peer sends or closes.
-  auto* request = static_cast<HttpRequest*>(upnp_malloc_impl(sizeof(HttpRequest)));
-  if (request != nullptr) {
-    char peer_ip[sizeof(request->client_ip)] = {};
+  // File bodies go out with sendfile, which cannot be told not to raise SIGPIPE.
+  tw::platform::BlockBrokenPipeSignal();
+  ConnectionScratch scratch{};
+  scratch.request = static_cast<HttpRequest*>(upnp_malloc_impl(sizeof(HttpRequest)));
+  if (scratch.request != nullptr) {
     int32_t peer_port = 0;
-    upnp_util_get_peername(connection->socket, peer_ip, &peer_port);
-    while (ServeOne(connection, request, peer_ip) == 0 && ServerRunning()) {
+    upnp_util_get_peername(connection->socket, scratch.peer_ip, &peer_port);
+    FormatBaseUrl(connection->server, scratch.base_url, sizeof(scratch.base_url));
+    // The first clear must reach every byte: nothing else writes the texts' tails.
+    std::memset(scratch.request, 0, sizeof(HttpRequest));
+    while (ServeOne(connection, &scratch) == 0 && ServerRunning()) {
     }
-    upnp_free_impl(request);
+    upnp_free_impl(scratch.request);
   }
   if (connection->tls != nullptr && Tls().session_close != nullptr) {
     Tls().session_close(connection->tls_session, connection->tls);

@@ -13,10 +13,16 @@ void SetDefaultPort(int32_t port) noexcept;
 int32_t AcceptLoop(upnp_server_data* server) noexcept;
 // Runs one connection to its end and frees the context.
 void ConnectionLoop(HttpConnection* connection) noexcept;
-// 0 keeps the connection, non-zero closes it. A connection's loop passes the record it reuses
-// for every request and the peer's address it took once; without them both are made here.
-int32_t ServeOne(HttpConnection* connection, HttpRequest* reused = nullptr,
-                 const char* peer_ip = nullptr) noexcept;
+// What a connection's loop takes once and hands to each of its requests: the request record it
+// reuses, and the texts that stay the same for every request (the peer's address and the base
+// URL of the server record the connection came in on).
+struct ConnectionScratch {
+  HttpRequest* request;
+  char peer_ip[sizeof(HttpRequest::client_ip)];
+  char base_url[sizeof(HttpRequest::base_url)];
+};
+// 0 keeps the connection, non-zero closes it. Without scratch everything is made here.
+int32_t ServeOne(HttpConnection* connection, ConnectionScratch* scratch = nullptr) noexcept;
 
 // Bookkeeping of the threads this code starts, so stop, tests and the benchmark can wait for the
 // server to be idle: accept loops running, and connection contexts handed to worker threads that

@@ -37,6 +37,10 @@ upnp_file* OpenFile(const char* path, OpenMode mode) noexcept;
 // Frees the part list and the handle; closes the descriptor only when close_descriptor.
 void ReleaseFile(upnp_file* handle, bool close_descriptor) noexcept;
 
+// Reads up to length bytes at offset of a single-part handle's descriptor (pread: the handle's
+// position is left alone). The bytes read, 0 at the end, -1 on failure.
+int64_t ReadAt(const upnp_file* handle, void* buffer, uint32_t length, int64_t offset) noexcept;
+
 // Creates every missing directory along path ("/" or "\\" separators, an optional "x:" drive
 // prefix): 0, or -1 when memory is short or a directory cannot be made, which is logged.
 int CreatePath(const char* path) noexcept;

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -140,6 +141,14 @@ int32_t StatDescriptor(int32_t fd, upnp_stat* record) noexcept {
   if (rc != 0) return rc;
   FillStat(st, record);
   return 0;
+}
+
+int64_t ReadAt(const upnp_file* handle, void* buffer, uint32_t length, int64_t offset) noexcept {
+  if (handle == nullptr || buffer == nullptr || offset < 0) return tw::kSysFail;
+  for (;;) {
+    const ssize_t n = pread64(handle->descriptor, buffer, length, static_cast<off64_t>(offset));
+    if (n >= 0 || errno != EINTR) return n;
+  }
 }
 
 }  // namespace tw::platform

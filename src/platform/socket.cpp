@@ -7,6 +7,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -110,6 +111,23 @@ int32_t SetTimeout(int32_t socket, int option, int32_t ms) noexcept {
 
 namespace tw::platform {
 
+void BlockBrokenPipeSignal() noexcept {
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+}
+
+void DropPendingBrokenPipe() noexcept {
+  // Takes the SIGPIPE a failed sendfile left pending on this thread (blocked by
+  // BlockBrokenPipeSignal); without the block there is nothing pending and this returns at once.
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  const timespec no_wait{};
+  sigtimedwait(&pipe, nullptr, &no_wait);
+}
+
 int64_t SendPair(int32_t socket, const void* first, int64_t first_length, const void* second,
                  int64_t second_length, bool more_follows) noexcept {
   if (socket < 0 || first_length < 0 || second_length < 0) return kFail;
@@ -162,6 +180,7 @@ int64_t SendFileRange(int32_t socket, int32_t fd, int64_t offset, int64_t count)
         PauseMs(kRetryPauseMs);
         continue;
       }
+      if (errno == EPIPE) DropPendingBrokenPipe();
       return kFail;
     }
     if (sent == 0) break;  // the file ended before the range did

@@ -30,4 +30,10 @@ int64_t SendPair(int32_t socket, const void* first, int64_t first_length, const 
 // file ends first, or -1 when the socket fails.
 int64_t SendFileRange(int32_t socket, int32_t fd, int64_t offset, int64_t count) noexcept;
 
+// sendfile has no MSG_NOSIGNAL: a peer that goes away mid-body raises SIGPIPE, whose default
+// action ends the process. Threads that send files block it once (the connection workers do, at
+// their start), and SendFileRange drops the pending signal its failure leaves behind.
+void BlockBrokenPipeSignal() noexcept;
+void DropPendingBrokenPipe() noexcept;
+
 }  // namespace tw::platform

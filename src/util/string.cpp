@@ -289,8 +289,33 @@ bool EndsWithNoCase(const char* str, const char* suffix) noexcept {
   return true;
 }
 
-// Knuth-Morris-Pratt over case-folded bytes. The failure table is on the stack so that the
-// search never allocates, which is why needles are limited to kMaxIStrStrNeedle bytes.
+namespace {
+
+// Needles up to this length are searched by candidates: the library's own needles (header names
+// in a request head) are all short, and the head is searched a dozen times per request.
+constexpr int32_t kShortNeedle = 32;
+
+// The byte-wise scan behind short needles: the string library jumps to each byte that can start
+// a match (either case of the needle's first byte) and only those are compared. Worst case
+// n * kShortNeedle steps, so a hostile head cannot make it quadratic.
+const char* IStrStrShort(const char* haystack, const char* needle, int32_t m) noexcept {
+  const int first = FoldByte(needle[0]);
+  const char starts[3] = {static_cast<char>(first), static_cast<char>(ascii::ToUpper(first)), 0};
+  for (const char* at = haystack;; ++at) {
+    at += std::strcspn(at, starts);
+    if (*at == '\0') return nullptr;
+    int32_t i = 1;
+    // A NUL in the haystack never equals a needle byte, so the comparison stops at its end.
+    while (i < m && FoldByte(at[i]) == FoldByte(needle[i])) ++i;
+    if (i == m) return at;
+  }
+}
+
+}  // namespace
+
+// Short needles: candidate scan (above). Longer ones: Knuth-Morris-Pratt over case-folded
+// bytes, linear whatever the input. The failure table is on the stack so that the search never
+// allocates, which is why needles are limited to kMaxIStrStrNeedle bytes.
 const char* IStrStr(const char* haystack, const char* needle) noexcept {
   if (haystack == nullptr || needle == nullptr || haystack[0] == '\0' || needle[0] == '\0') {
     return nullptr;
@@ -299,6 +324,7 @@ const char* IStrStr(const char* haystack, const char* needle) noexcept {
   while (needle[m] != '\0') {
     if (++m > static_cast<int32_t>(kMaxIStrStrNeedle)) return nullptr;
   }
+  if (m <= kShortNeedle) return IStrStrShort(haystack, needle, m);
   int32_t next[kMaxIStrStrNeedle];
   next[0] = -1;
   int32_t k = -1;
