@@ -11,6 +11,8 @@ need="$need nginx nodejs minidlna"
 # Control points and media for tests/interop/control_points.sh (GUPnP through Python, test files
 # written by ffmpeg) and a real browser for the status page.
 need="$need gir1.2-gupnp-1.6 gir1.2-gupnp-av-1.0 ffmpeg chromium"
+# strace counts the system calls of a request (tests/mediaserver/system_calls.sh).
+need="$need strace"
 # The libraries the XML benchmark compares against (make bench).
 if [ "${1:-}" = "--bench" ]; then
   need="$need libxml2-dev libexpat1-dev libpugixml-dev"

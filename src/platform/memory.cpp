@@ -17,10 +17,13 @@ constexpr std::size_t kHeaderSize = 8;
 // so no test can tell; trimming it to 8 changes only the layout a raw-block reader expects.
 constexpr std::size_t kReallocExtra = 10;
 
-// Counters are 32-bit by contract. Writes happen under the lock; reads are plain (relaxed) loads.
+// Counters are 32-bit by contract; updates are atomic read-modify-writes, reads relaxed loads.
 std::atomic<uint32_t> g_current{0};
+std::atomic<uint64_t> g_allocations{0};  // blocks handed out (tests count them per request)
 std::atomic<int32_t> g_maximum{0};
 std::atomic<int32_t> g_initialised{0};
+// Made and deleted by upnp_mem_init and upnp_mem_exit, whose initialised flag says whether a
+// free comes too early or too late; the counters themselves are lock-free (Account).
 CRITICAL_SECTION g_mem_cs;
 
 // Failure injection for tests: -1 off, otherwise allocations left before the one that fails.
@@ -55,15 +58,17 @@ inline void* Stamp(void* block, std::size_t size) noexcept {
 
 // Adds `added` and removes `removed` payload bytes, raising the high-water mark (compared as a
 // signed value, so a count driven below zero by the realloc asymmetry never becomes the maximum).
+// Lock-free: every thread of the server allocates, and a lock here made them queue on each
+// other. Each update's result is a value the count really had, so the maximum stays exact.
 void Account(uint32_t added, uint32_t removed) noexcept {
-  const bool locked = g_initialised.load(std::memory_order_acquire) != 0;
-  if (locked) EnterCriticalSection(&g_mem_cs);
-  const uint32_t now = g_current.load(std::memory_order_relaxed) - removed + added;
-  g_current.store(now, std::memory_order_relaxed);
-  if (static_cast<int32_t>(now) > g_maximum.load(std::memory_order_relaxed)) {
-    g_maximum.store(static_cast<int32_t>(now), std::memory_order_relaxed);
+  const uint32_t delta = added - removed;  // modulo 2^32, as the 32-bit counter is
+  const uint32_t now = g_current.fetch_add(delta, std::memory_order_relaxed) + delta;
+  int32_t maximum = g_maximum.load(std::memory_order_relaxed);
+  while (static_cast<int32_t>(now) > maximum &&
+         !g_maximum.compare_exchange_weak(maximum, static_cast<int32_t>(now),
+                                          std::memory_order_relaxed)) {
   }
-  if (locked) LeaveCriticalSection(&g_mem_cs);
+  if (added != 0) g_allocations.fetch_add(1, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -76,6 +81,8 @@ void FailAllocAfter(int n) noexcept {
 }
 void ClearAllocFailure() noexcept { g_fail_countdown.store(-1, std::memory_order_relaxed); }
 bool AllocFailureFired() noexcept { return g_fail_fired.load(std::memory_order_relaxed); }
+
+uint64_t AllocationCount() noexcept { return g_allocations.load(std::memory_order_relaxed); }
 
 }  // namespace tw::platform
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/body_sender.h"
 
+#include <fstream>
+
 #include "http/hooks.h"
 #include "http/registry.h"
 #include "support/test_support.h"
@@ -117,6 +119,54 @@ TEST_F(HttpBodySender, TlsRequestsSendThroughTheHookAndMinusTwoMarksClose) {
   request.tls = 0;
   request.socket = -1;
   EXPECT_EQ(upnp_send_ssl(&request, "abc", 3), -1);
+}
+
+// The file sender's other roads: through the TLS hook, and through the handle for a media file
+// stored in parts (no single descriptor holds it); both read in blocks, so the body is larger
+// than one block.
+TEST_F(HttpBodySender, FileBodiesPassTheTlsHookAndSpanTheParts) {
+  TW_REQUIRE_LOOPBACK_NAMESPACE();
+  TempDir dir;
+  std::string whole(150000, '\0');
+  for (size_t i = 0; i < whole.size(); ++i) whole[i] = static_cast<char>('A' + i % 23);
+  const std::string first = dir.path() + "/part1", second = dir.path() + "/part2";
+  std::ofstream(first, std::ios::binary) << whole.substr(0, 70000);
+  std::ofstream(second, std::ios::binary) << whole.substr(70000);
+
+  auto request = GetRequest("/f", "HOST: x\r\n");
+  request->tls = 1;
+  request->mime_type = "application/octet-stream";
+  request->content_length = 69000;
+  http_server_set_tls_callbacks(nullptr, nullptr, nullptr, nullptr, &FakeTlsSend, nullptr, nullptr,
+                                nullptr);
+  g_tls_sent.clear();
+  g_tls_result = 0;
+  upnp_file* file = upnp_file_open_read(first.c_str());
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(HTTP_send_file(request.get(), 200, file, 1000), 0);
+  upnp_file_close(file);
+  const size_t end = g_tls_sent.find("\r\n\r\n");
+  ASSERT_NE(end, std::string::npos);
+  EXPECT_TRUE(g_tls_sent.substr(end + 4) == whole.substr(1000, 69000));
+
+  PeerPair pair;
+  ASSERT_TRUE(pair.Open());
+  request = GetRequest("/f", "HOST: x\r\n");
+  request->socket = pair.server_fd();
+  request->mime_type = "application/octet-stream";
+  request->content_length = 100000;
+  upnp_file* parts = upnp_mediafile_open_read(first.c_str());
+  ASSERT_NE(parts, nullptr);
+  ASSERT_EQ(upnp_mediafile_add_part(parts, first.c_str(), 70000), 0);
+  ASSERT_EQ(upnp_mediafile_add_part(parts, second.c_str(), 80000), 0);
+  EXPECT_EQ(HTTP_send_file(request.get(), 200, parts, 20000), 0);
+  upnp_file_close(parts);
+  pair.CloseServer();
+  const HttpResponse response = pair.client().ReadResponse();
+  EXPECT_TRUE(response.complete && response.body == whole.substr(20000, 100000));
+  // Arguments it cannot use.
+  EXPECT_EQ(HTTP_send_file(nullptr, 200, parts, 0) + HTTP_send_file(request.get(), 200, nullptr, 0),
+            2);
 }
 
 TEST_F(HttpBodySender, ChunkedHeaderPartsAndEndAreExact) {

@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http/connection.h"
 
+#include <fcntl.h>
+
+#include <fstream>
+
 #include "http/registry.h"
+#include "platform/test_hooks.h"
 #include "support/test_support.h"
 
 namespace {
@@ -307,6 +312,112 @@ TEST_F(HttpWire, RemoteAccessMarksRequestsLearnsAndRewritesBaseUrls) {
     HTTP_set_dns_and_remote_port(text, port);
     EXPECT_EQ(AskOnce("GET /pub/resources HTTP/1.1\r\n\r\n")["base"], base) << text;
   }
+}
+
+// Files served with HTTP_send_file from g_files: "/f/<name>" the whole file or the asked range,
+// "/f/short" announcing 1000 bytes more than the file holds.
+std::string g_files;
+int32_t SendFileFromDisk(HttpRequest* r) {
+  const std::string name = r->url + 3;
+  upnp_file* file =
+      upnp_file_open_read((g_files + "/" + (name == "short" ? "small" : name)).c_str());
+  upnp_stat status{};
+  if (file == nullptr || upnp_file_get_stat(file, &status) != 0) {
+    if (file != nullptr) upnp_file_close(file);
+    return HTTP_send_file_not_found(r);
+  }
+  r->mime_type = "application/octet-stream";
+  const auto size = static_cast<int64_t>(status.size) + (name == "short" ? 1000 : 0);
+  r->content_length = r->total_size = size;
+  HTTP_get_range_header(r);
+  int32_t code = 200;
+  int64_t offset = 0;
+  if (r->range_start >= 0) {
+    if (r->range_end < 0 || r->range_end >= size) r->range_end = size - 1;
+    offset = r->range_start;
+    r->content_length = r->range_end - r->range_start + 1;
+    code = 206;
+  }
+  const int32_t result = HTTP_send_file(r, code, file, offset);
+  upnp_file_close(file);
+  return result;
+}
+
+std::string Pattern(size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
+  return bytes;
+}
+
+TEST_F(HttpWire, FileBodiesKeepTheFramingOnEveryRoad) {
+  TempDir dir;
+  g_files = dir.path();
+  const std::string small = Pattern(1000), large = Pattern(200000);
+  std::ofstream(dir.path() + "/small", std::ios::binary) << small;
+  std::ofstream(dir.path() + "/large", std::ios::binary) << large;
+  // Big and sparse: the peer below leaves long before it could all be sent.
+  const int huge = open((dir.path() + "/huge").c_str(), O_CREAT | O_WRONLY, 0644);
+  ASSERT_EQ(ftruncate(huge, int64_t{1} << 30), 0);
+  close(huge);
+  upnp_http_register_handler(SendFileFromDisk, HTTP_METHOD_GET | HTTP_METHOD_HEAD, "/f/", 0, 1);
+  StartServer();
+  // One kept-alive connection: a byte too many or too few and the next answer is garbled.
+  const std::tuple<std::string, std::string, int, std::string> cases[] = {
+      {"GET /f/small", "", 200, small},  // read and sent with its header
+      {"GET /f/small", "Range: bytes=10-19\r\n", 206, small.substr(10, 10)},
+      {"GET /f/large", "", 200, large},  // sendfile behind the held-back header
+      {"GET /f/large", "Range: bytes=150000-\r\n", 206, large.substr(150000)},
+      {"GET /f/large", "Range: bytes=5-9\r\n", 206, large.substr(5, 5)},
+  };
+  for (const auto& [line, extra, status, body] : cases) {
+    const HttpResponse response = Ask(line + " HTTP/1.1\r\nHost: x\r\n" + extra + "\r\n");
+    EXPECT_EQ(std::make_tuple(response.status, response.body.size(), response.body == body),
+              std::make_tuple(status, body.size(), true))
+        << line << " " << extra;
+  }
+  // A HEAD answer announces the length and sends nothing: the next answer follows at once.
+  ASSERT_TRUE(peer_.Send("HEAD /f/large HTTP/1.1\r\nHost: x\r\n\r\n"));
+  const HttpResponse head = peer_.ReadResponse(300);
+  EXPECT_EQ(HeaderValue(head.head, "Content-Length") + head.body, "200000");
+  EXPECT_EQ(Ask("GET /f/small HTTP/1.1\r\nHost: x\r\n\r\n").body, small);
+  // A file that ends before the announced length: what there is goes out, then the connection
+  // closes, as its framing is lost.
+  ASSERT_TRUE(peer_.Send("GET /f/short HTTP/1.1\r\nHost: x\r\n\r\n"));
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_TRUE(peer_.WaitClosed());
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+  const std::string cut = peer_.ReadAll();
+  EXPECT_EQ(cut.substr(cut.find("\r\n\r\n") + 4), small);
+  EXPECT_NE(cut.find("Content-Length: 2000\r\n"), std::string::npos);
+  // A peer that leaves in the middle of a file costs the server nothing but that connection
+  // (sendfile raises SIGPIPE, which would end the whole process).
+  for (int i = 0; i < 3; ++i) {
+    HttpPeer leaving;
+    ASSERT_TRUE(leaving.Connect(record_.http_port));
+    ASSERT_TRUE(leaving.Send("GET /f/huge HTTP/1.1\r\nHost: x\r\n\r\n"));
+    EXPECT_FALSE(leaving.StaysSilent(2000));
+    i == 0 ? leaving.Close() : leaving.Reset();
+  }
+  HttpPeer after;
+  ASSERT_TRUE(after.Connect(record_.http_port));
+  EXPECT_EQ(Ask("GET /f/small HTTP/1.1\r\nHost: x\r\n\r\n", &after).body, small);
+}
+
+// The request road holds no allocation of its own: the record is the connection's, the head is
+// composed on the stack, and lines for a silenced log are never formatted.
+TEST_F(HttpWire, KeptAliveRequestsAllocateOnlyWhatTheirHandlerDoes) {
+  TempDir dir;
+  g_files = dir.path();
+  std::ofstream(dir.path() + "/small", std::ios::binary) << Pattern(1024);
+  upnp_http_register_handler(SendFileFromDisk, HTTP_METHOD_GET, "/f/", 0, 1);
+  StartServer();
+  const std::string request = "GET /f/small HTTP/1.1\r\nHost: x\r\nRange: bytes=0-99\r\n\r\n";
+  ASSERT_EQ(Ask(request).status, 206);  // the connection's own record is made by now
+  // The handler's file handle is the one block per request (the file layer allocates it).
+  constexpr int kRequests = 50;
+  const uint64_t before = tw::platform::AllocationCount();
+  for (int i = 0; i < kRequests; ++i) ASSERT_EQ(Ask(request).body.size(), 100u);
+  EXPECT_EQ(tw::platform::AllocationCount() - before, uint64_t{kRequests});
 }
 
 int32_t H1(HttpRequest*) { return 0; }

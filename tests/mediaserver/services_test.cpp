@@ -346,6 +346,31 @@ TEST_F(MediaServerTest, ResourcesStreamWithRangesAndDlnaHeaders) {
   }
 }
 
+// A connection keeps its last item open between fetches; a file rewritten or removed meanwhile
+// is noticed by the next fetch after a second at the latest, never served past its new end.
+TEST_F(MediaServerTest, AKeptAliveConnectionSeesTheFileChange) {
+  const auto tracks =
+      Objects(Soap("ContentDirectory", "Browse", BrowseArgs(kMusic, "BrowseDirectChildren")).body);
+  ASSERT_EQ(tracks.size(), 2u);
+  const std::string path = tracks[0].res.substr(tracks[0].res.find("/media/"));
+  RawClient client;
+  ASSERT_TRUE(client.Connect(port_));
+  const auto fetch = [&](const std::string& lines = "") {
+    EXPECT_TRUE(client.Send(Request("GET", path, lines)));
+    return client.Read();
+  };
+  EXPECT_EQ(fetch().body, std::string(1000, 'b'));
+  EXPECT_EQ(fetch("Range: bytes=10-19\r\n").body, std::string(10, 'b'));
+  WriteFile(File("Music/b.mp3"), std::string(1500, 'B'));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  const HttpResponse changed = fetch();
+  EXPECT_EQ(std::make_pair(changed.status, changed.body),
+            std::make_pair(200, std::string(1500, 'B')));
+  std::filesystem::remove(File("Music/b.mp3"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  EXPECT_EQ(fetch().status, 404);
+}
+
 TEST_F(MediaServerTest, ConnectionManagerAndServiceDocuments) {
   const std::string source =
       SoapValue(Soap("ConnectionManager", "GetProtocolInfo", {}).body, "Source");
