@@ -50,10 +50,32 @@ char* Empty(char* out, size_t size) {
   return out;
 }
 
+void PutTwoDigits(int value, char* at) noexcept {
+  at[0] = static_cast<char>('0' + value / 10);
+  at[1] = static_cast<char>('0' + value % 10);
+}
+
+// Every response carries one: formatted by hand where the fields have their usual widths (the
+// common case), by snprintf for the rest.
 char* WriteHttpDate(int wday, int mday, int mon, int year, int hour, int min, int sec, char* out,
                     size_t size) {
-  std::snprintf(out, size, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDayNames[wday % 7], mday,
-                kMonthNames[mon % 12], year, hour, min, sec);
+  static constexpr char kLayout[] = "Www, DD Mmm YYYY HH:MM:SS GMT";
+  const bool usual = mday >= 0 && mday <= 99 && year >= 0 && year <= 9999 && hour >= 0 &&
+                     hour <= 99 && min >= 0 && min <= 99 && sec >= 0 && sec <= 99;
+  if (!usual || size < sizeof(kLayout)) {
+    std::snprintf(out, size, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDayNames[wday % 7], mday,
+                  kMonthNames[mon % 12], year, hour, min, sec);
+    return out;
+  }
+  std::memcpy(out, kLayout, sizeof(kLayout));
+  std::memcpy(out, kDayNames[wday % 7], 3);
+  PutTwoDigits(mday, out + 5);
+  std::memcpy(out + 8, kMonthNames[mon % 12], 3);
+  PutTwoDigits(year / 100, out + 12);
+  PutTwoDigits(year % 100, out + 14);
+  PutTwoDigits(hour, out + 17);
+  PutTwoDigits(min, out + 20);
+  PutTwoDigits(sec, out + 23);
   return out;
 }
 
