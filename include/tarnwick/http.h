@@ -304,7 +304,10 @@ TW_API int32_t HTTP_send(HttpRequest* request, const char* data) TW_NOEXCEPT;
  * a TLS connection gets the body through the TLS send hook, read in 64 KiB blocks, as does a
  * multi-part media file. The handle's position is unspecified afterwards. 0 when sent; 1 for a
  * null request or file, a negative offset, a failed send, or a file that ended before the
- * announced length (close_connection is then set, as the framing is lost). */
+ * announced length (close_connection is then set, as the framing is lost). Bodies up to 16 KiB
+ * are read and leave with the header in one write. sendfile cannot be told not to raise SIGPIPE
+ * when the peer is gone: the server's connection threads block that signal, and a host calling
+ * this from a thread of its own must block or ignore it there. */
 TW_API int32_t HTTP_send_file(HttpRequest* request, int32_t status, upnp_file* file,
                               int64_t offset) TW_NOEXCEPT;
 /* Sends length bytes on the request's connection, through the TLS send hook for a TLS request

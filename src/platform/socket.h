@@ -13,9 +13,10 @@ int32_t SocketLocalPort(int32_t socket) noexcept;
 // Parses dotted IPv4 text into a network-order address; false for null or malformed text.
 bool ParseIpv4(const char* text, uint32_t* address_out) noexcept;
 
-// Sends small segments at once (TCP_NODELAY). Responses go out as a header send followed by a
-// body send; without this, a kept-alive connection waits for the peer's delayed ACK (tens of
-// milliseconds) before the second write leaves. Returns the system result.
+// Sends small segments at once (TCP_NODELAY). Some responses still go out as a header send
+// followed by a body send (TLS, chunked bodies, hosts writing their own); without this, a
+// kept-alive connection waits for the peer's delayed ACK (tens of milliseconds) before the second
+// write leaves. Returns the system result.
 int32_t SetTcpNoDelay(int32_t socket) noexcept;
 
 // Sends two buffers in one write (a response's header and a small body: one system call, and
