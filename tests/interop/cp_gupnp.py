@@ -187,10 +187,11 @@ def run(args):
     # On lo by name: GUPnP's context manager would skip the loopback interface. GUPnP picks its
     # own HTTP port and fails when another program in the namespace took it in the meantime
     # (tests run in parallel): a fresh context is tried then, three times at most.
+    # The port can already be taken when the context is made, or later when it starts serving.
     for attempt in range(3):
-        context = GUPnP.Context.new_full("lo", None, 0, GSSDP.UDAVersion.VERSION_1_0)
-        say("context on %s (%s)" % (context.get_interface(), context.get_host_ip()))
         try:
+            context = GUPnP.Context.new_full("lo", None, 0, GSSDP.UDAVersion.VERSION_1_0)
+            say("context on %s (%s)" % (context.get_interface(), context.get_host_ip()))
             device = discover(context, args, max(1.0, min(8.0, deadline - time.monotonic())))
             break
         except GLib.Error as error:
