@@ -11,7 +11,7 @@ NETNS := sh scripts/netns-run.sh
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build test run check asan tsan arm fuzz bench format format-check clean
+.PHONY: all deps build test run check asan tsan arm arm-release fuzz bench format format-check clean
 
 all: build
 
@@ -55,6 +55,16 @@ arm:
 	cmake --build build-arm -j$(JOBS)
 	$(NETNS) ctest --test-dir build-arm $(CTEST_ARGS)
 
+# The library as it ships for 32-bit ARM: a Release build, its tests under qemu, then the shared
+# object stripped to build-arm-release/dist/ with its size.
+arm-release:
+	@sh scripts/install-deps.sh --check
+	cmake -S . -B build-arm-release -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake \
+	  -DCMAKE_BUILD_TYPE=Release -DTW_WERROR=$(WERROR)
+	cmake --build build-arm-release -j$(JOBS)
+	$(NETNS) ctest --test-dir build-arm-release $(CTEST_ARGS)
+	sh scripts/strip-release.sh build-arm-release arm-linux-gnueabihf-
+
 fuzz:
 	@sh scripts/install-deps.sh --check
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -78,4 +88,4 @@ format-check:
 	sh scripts/check_format.sh
 
 clean:
-	rm -rf build build-asan build-tsan build-arm build-fuzz build-bench
+	rm -rf build build-asan build-tsan build-arm build-arm-release build-fuzz build-bench
