@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Entries for listening sockets, the accept and connection threads, and the head reader.
 #include "http/connection.h"
+#include "platform/memory_release.h"
 #include "tarnwick/http.h"
 #include "tarnwick/platform.h"
 
@@ -31,6 +32,7 @@ TW_API void* HTTP_receive(void* connection) noexcept {
   upnp_init_thread("HTTP_receive");
   if (connection != nullptr) tw::http::ConnectionLoop(static_cast<HttpConnection*>(connection));
   tw::http::WorkerFinished();
+  tw::platform::ReleaseUnusedStack();
   return nullptr;
 }
 

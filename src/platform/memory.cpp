@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The accounted allocator: the only place in the library that calls the system heap.
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/memory_release.h"
 #include "platform/test_hooks.h"
 #include "tarnwick/platform.h"
 
@@ -81,6 +84,12 @@ void FailAllocAfter(int n) noexcept {
 }
 void ClearAllocFailure() noexcept { g_fail_countdown.store(-1, std::memory_order_relaxed); }
 bool AllocFailureFired() noexcept { return g_fail_fired.load(std::memory_order_relaxed); }
+
+void ReleaseFreeHeap() noexcept {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
+}
 
 uint64_t AllocationCount() noexcept { return g_allocations.load(std::memory_order_relaxed); }
 

@@ -2,13 +2,17 @@
 // Thread start with a priority level, and the Win32-style millisecond sleep.
 #include <pthread.h>
 #include <sched.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 
 #include "platform/detached_thread.h"
 #include "platform/log_hook.h"
+#include "platform/memory_release.h"
 #include "platform/thread_internal.h"
 #include "tarnwick/platform.h"
 
@@ -47,6 +51,23 @@ int ThreadPriorityForLevel(int32_t level) noexcept {
 
 void SetThreadCreateForTesting(ThreadCreateFn fn) noexcept {
   g_create.store(fn, std::memory_order_release);
+}
+
+void ReleaseUnusedStack() noexcept {
+  pthread_attr_t attr;
+  if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
+  void* base = nullptr;
+  size_t size = 0;
+  if (pthread_attr_getstack(&attr, &base, &size) == 0 && base != nullptr) {
+    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto low = reinterpret_cast<uintptr_t>(base);
+    // Two pages of margin below this frame: what runs after the call (the return, the thread's
+    // exit) grows the stack a little again.
+    char here = 0;
+    const uintptr_t high = (reinterpret_cast<uintptr_t>(&here) - 2 * page) & ~(page - 1);
+    if (high > low) madvise(base, high - low, MADV_DONTNEED);
+  }
+  pthread_attr_destroy(&attr);
 }
 
 bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept {
