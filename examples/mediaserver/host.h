@@ -7,8 +7,10 @@
 
 namespace mediaserver {
 
-// Application property (keys from 18 up belong to the host): the folder that is shared.
+// Application properties (keys from 18 up belong to the host): the folder that is shared, and
+// the seconds a connection may take to send its next request (0: no limit).
 constexpr unsigned kFolderKey = 18;
+constexpr unsigned kIdleTimeoutKey = 19;
 
 struct Settings {
   std::string folder;         // absolute or relative path of the shared folder

@@ -2,8 +2,9 @@
 // tarnwick-mediaserver: the first runnable host of the library. It shares one folder over HTTP
 // (with byte ranges), announces a UPnP MediaServer over SSDP and answers searches for it.
 //
-//   tarnwick-mediaserver [-folder PATH] [-ip ADDRESS] [-httpport PORT] [-friendlyname NAME]
-//                        [-v MASK] [any other property of the library as -name value]
+//   tarnwick-mediaserver [-folder PATH] [-idletimeout SECONDS] [-ip ADDRESS] [-httpport PORT]
+//                        [-friendlyname NAME] [-v MASK]
+//                        [any other property of the library as -name value]
 //
 // It runs until SIGINT or SIGTERM, then stops the servers (which sends the byebyes) and exits.
 #include <csignal>
@@ -44,10 +45,19 @@ bool Configure(int argc, char** argv) {
   upnp_ini_file_set_default_appname("tarnwick-mediaserver");
   upnp_ini_file_create_property(kFolderKey, "folder", ".", "Folder shared by the media server", 0,
                                 0, 0, 1);
+  upnp_ini_file_create_property(kIdleTimeoutKey, "idletimeout", "0",
+                                "Seconds a connection may take to send its next request (0: no "
+                                "limit)",
+                                0, 0, 0, 1);
   if (upnp_ini_file_parse_cmdline(argc, argv) != 0) {
     std::printf("       -folder PATH  the folder to share (default: the current directory)\n");
+    std::printf(
+        "       -idletimeout SECONDS  close a connection that sends no complete request for that "
+        "long (default: 0, never)\n");
     return false;
   }
+  // Without a limit every silent or forgotten connection keeps a thread of the server.
+  HTTP_set_server_idle_timeout(upnp_ini_file_getInt(kIdleTimeoutKey));
   // A host that announces at once: the default start delay (nmcmode 1) is for set-top boxes
   // that wait for their network. Only when nobody chose a mode.
   if (upnp_ini_file_isModified(UPNP_INI_KEY_NMCMODE) == 0) {

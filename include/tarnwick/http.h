@@ -138,6 +138,15 @@ TW_API void HTTP_create_server_socket(int32_t* socket_out, int32_t* port_inout,
                                       const char* ip) TW_NOEXCEPT;
 /* Replaces the default port, 9000, that HTTP_create_server_socket starts from. */
 TW_API void HTTP_set_default_port(int32_t port) TW_NOEXCEPT;
+/* Beyond the classic API: the server's idle limit in seconds, off (0) by default. With seconds
+ * above 0 the server closes a plain connection whose next request head has not completely
+ * arrived within that time of the worker starting to wait for it: a peer that never sends, one
+ * that went quiet between kept-alive requests, and one that sends its head too slowly all lose
+ * their connection and free their thread. A request whose handler runs, however long, is not
+ * affected, nor are TLS connections (their heads are read by the TLS hook). 0 or a negative
+ * value switches the limit off. Takes effect at each connection's next head read; may be called
+ * at any time from any thread. With the limit on, every peek for a head costs one poll more. */
+TW_API void HTTP_set_server_idle_timeout(int32_t seconds) TW_NOEXCEPT;
 /* Thread routine for one listening socket; arg is the upnp_server_data record. Returns null. */
 TW_API void* HTTP_accept(void* server) TW_NOEXCEPT;
 /* The accept loop; returns 0 when the server stops, its socket closes or its generation moves. */

@@ -57,6 +57,8 @@ constexpr MethodPrefix kMethods[] = {
 static_assert(sizeof(kMethods) / sizeof(kMethods[0]) == 7);
 
 std::atomic<int32_t> g_default_port{kDefaultPort};
+// Seconds a connection may take to deliver its next head; 0 or less waits for ever (the default).
+std::atomic<int32_t> g_idle_limit_seconds{0};
 std::atomic<int32_t> g_live_accept_loops{0};
 std::atomic<int32_t> g_live_workers{0};
 
@@ -227,8 +229,24 @@ int32_t Dispatch(HttpRequest* request, upnp_string** body_out) noexcept {
 
 bool ReadRequestHead(HttpRequest* request) noexcept {
   if (request->tls == 0) {
-    return httpclient::ReadHead(request->socket, request->header, sizeof(request->header)) != 0;
+    // The limit is read once per head, and only a set limit costs a clock read (and a poll per
+    // peek): without it the head read is the bare peek and take.
+    const int32_t limit = g_idle_limit_seconds.load(std::memory_order_relaxed);
+    const int64_t deadline = limit > 0 ? getSystemTime() + int64_t{limit} * 1000 : 0;
+    if (httpclient::ReadHead(request->socket, request->header, sizeof(request->header), deadline) !=
+        0) {
+      return true;
+    }
+    if (deadline != 0 && getSystemTime() >= deadline) {
+      upnp_log_debug_impl(
+          UPNP_LOG_HTTP,
+          "HTTP_send_receive idle limit of %d s reached, closing the connection of %s",
+          static_cast<int>(limit), request->client_ip);
+    }
+    return false;
   }
+  // A TLS head is read by the outside module, which may hold decrypted bytes the socket no
+  // longer shows; the idle limit does not apply there.
   upnp_tls_http_get_header_fn hook = Tls().http_get_header;
   if (hook == nullptr) return false;
   return hook(request->tls_session, request->header, sizeof(request->header)) >= 0;
@@ -289,6 +307,9 @@ int32_t Serve(HttpConnection* connection, HttpRequest* request, upnp_string** bo
 }  // namespace
 
 void SetDefaultPort(int32_t port) noexcept { g_default_port.store(port); }
+void SetIdleLimit(int32_t seconds) noexcept {
+  g_idle_limit_seconds.store(seconds, std::memory_order_relaxed);
+}
 
 void CreateServerSocket(int32_t* socket_out, int32_t* port_inout, const char* ip) noexcept {
   // The date headers of the responses need the time-zone rules.
@@ -435,8 +456,8 @@ int32_t ServeOne(HttpConnection* connection, ConnectionScratch* scratch) noexcep
 
 void ConnectionLoop(HttpConnection* connection) noexcept {
   // The peer stays the same and the request record can be reused: both are taken once per
-  // connection, not once per request. No idle time-out of its own: a kept-alive connection
-  // waits in the head read until the peer sends or closes.
+  // connection, not once per request. Unless an idle limit is set (SetIdleLimit), a kept-alive
+  // connection waits in the head read until the peer sends or closes.
   // File bodies go out with sendfile, which cannot be told not to raise SIGPIPE.
   tw::platform::BlockBrokenPipeSignal();
   ConnectionScratch scratch{};

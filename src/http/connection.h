@@ -10,6 +10,9 @@ namespace tw::http {
 
 void CreateServerSocket(int32_t* socket_out, int32_t* port_inout, const char* ip) noexcept;
 void SetDefaultPort(int32_t port) noexcept;
+// Seconds a plain connection may take to deliver its next request head, counted from the moment
+// the worker starts waiting for it; 0 or less: no limit. Read by each head read as it starts.
+void SetIdleLimit(int32_t seconds) noexcept;
 int32_t AcceptLoop(upnp_server_data* server) noexcept;
 // Runs one connection to its end and frees the context.
 void ConnectionLoop(HttpConnection* connection) noexcept;

@@ -15,6 +15,10 @@ TW_API void HTTP_create_server_socket(int32_t* socket_out, int32_t* port_inout,
 
 TW_API void HTTP_set_default_port(int32_t port) noexcept { tw::http::SetDefaultPort(port); }
 
+TW_API void HTTP_set_server_idle_timeout(int32_t seconds) noexcept {
+  tw::http::SetIdleLimit(seconds);
+}
+
 // Thread routines return instead of calling upnp_end_thread: ending a thread from inside a
 // noexcept frame would abort the process on unwinding platforms, and returning ends it the same.
 TW_API void* HTTP_accept(void* server) noexcept {

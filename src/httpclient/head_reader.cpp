@@ -3,13 +3,15 @@
 // the body (or of the next pipelined request) out of the socket; this reader keeps exactly that
 // behaviour but works in blocks: it peeks what is queued, finds where the head ends in it, and
 // then takes exactly the bytes of the head. A head that arrives in one segment costs two
-// receive calls instead of one per byte.
+// receive calls instead of one per byte (and a poll before the peek when the read has a
+// deadline).
 #include "httpclient/head_reader.h"
 
 #include <atomic>
 #include <cstring>
 
 #include "httpclient/head_values.h"
+#include "platform/socket.h"
 #include "tarnwick/httpclient.h"
 #include "tarnwick/log.h"
 #include "tarnwick/platform.h"
@@ -41,6 +43,13 @@ class BlankLine {
   int state_ = 0;
 };
 
+// A receive that waits for the peer: with a deadline (non-zero) it first waits, at most until
+// then, for something to arrive. Without one it is the bare receive, no call more.
+int32_t PeekBefore(int64_t deadline_ms, int32_t socket, char* out, int32_t length) noexcept {
+  if (deadline_ms != 0 && !platform::WaitReadableUntil(socket, deadline_ms)) return 0;
+  return Receive(socket, out, length, UPNP_MSG_PEEK);
+}
+
 // Takes `count` bytes that a peek has shown to be queued, into `out`. The peeked bytes are
 // queued already, so this normally is one call; it loops only if a call returns fewer.
 bool Take(int32_t socket, char* out, int32_t count) noexcept {
@@ -56,10 +65,10 @@ bool Take(int32_t socket, char* out, int32_t count) noexcept {
 // Discards bytes until `done(byte)` says the last one was the final one to take. False when a
 // receive fails (or the peer closes) first.
 template <typename Done>
-bool DiscardUntil(int32_t socket, Done&& done) noexcept {
+bool DiscardUntil(int32_t socket, int64_t deadline_ms, Done&& done) noexcept {
   char scratch[kScratchSize];
-  for (;;) {  // ends when done() accepts a byte or the peer stops sending
-    const int32_t peeked = Receive(socket, scratch, kScratchSize, UPNP_MSG_PEEK);
+  for (;;) {  // ends when done() accepts a byte, the peer stops sending or the deadline passes
+    const int32_t peeked = PeekBefore(deadline_ms, socket, scratch, kScratchSize);
     if (peeked < 1) return false;
     int32_t used = 0;
     bool finished = false;
@@ -85,7 +94,7 @@ int32_t Receive(int32_t socket, void* buffer, int32_t length, int32_t flags) noe
 
 uint64_t ReceiveCalls() noexcept { return g_receive_calls.load(std::memory_order_relaxed); }
 
-int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept {
+int32_t ReadHead(int32_t socket, char* buffer, int32_t size, int64_t deadline_ms) noexcept {
   if (buffer == nullptr || size < kMinHeadBuffer) return 0;
   const int32_t limit = size - 1;  // room for the NUL
   int32_t stored = 0;
@@ -95,7 +104,7 @@ int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept {
     // Peek straight into the buffer behind what is stored: the later take then overwrites
     // these bytes with the same bytes, so no copy is needed.
     char* window = buffer + stored;
-    const int32_t peeked = Receive(socket, window, limit - stored, UPNP_MSG_PEEK);
+    const int32_t peeked = PeekBefore(deadline_ms, socket, window, limit - stored);
     if (peeked < 1) return 0;
     int32_t used = 0;
     int32_t dropped = 0;
@@ -122,11 +131,12 @@ int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept {
     std::memcpy(buffer + size - 5, kCutMarker, 4);
     buffer[size - 1] = '\0';
     // The rest of the head is dropped up to its blank line; a failure there still serves the
-    // part that was kept.
-    DiscardUntil(socket, [&blank_line](unsigned char byte) {
+    // part that was kept, unless the time ran out: the rest would then be read as the next head.
+    const bool skipped = DiscardUntil(socket, deadline_ms, [&blank_line](unsigned char byte) {
       blank_line.Step(byte);
       return blank_line.Complete();
     });
+    if (!skipped && deadline_ms != 0 && getSystemTime() >= deadline_ms) return 0;
     length = limit;
   }
   if (IsChunkedGet(buffer)) {
@@ -134,11 +144,12 @@ int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept {
     // The rule (two line feeds and a "0" seen) is rough but matches those clients' short bodies.
     int line_feeds = 0;
     int zeros = 0;
-    const bool drained = DiscardUntil(socket, [&line_feeds, &zeros](unsigned char byte) {
-      if (byte == '\n') ++line_feeds;
-      if (byte == '0') ++zeros;
-      return line_feeds >= 2 && zeros >= 1;
-    });
+    const bool drained =
+        DiscardUntil(socket, deadline_ms, [&line_feeds, &zeros](unsigned char byte) {
+          if (byte == '\n') ++line_feeds;
+          if (byte == '0') ++zeros;
+          return line_feeds >= 2 && zeros >= 1;
+        });
     if (!drained) return 0;
   }
   return length;

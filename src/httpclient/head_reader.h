@@ -18,6 +18,10 @@ uint64_t ReceiveCalls() noexcept;
 // peer closed or a receive failed before the head was complete. Every byte after the blank line
 // stays in the socket, except the chunked body of a GET, which is drained. An over-long head is
 // cut to size - 1 bytes ending in a blank line, and the rest of it is discarded.
-int32_t ReadHead(int32_t socket, char* buffer, int32_t size) noexcept;
+// deadline_ms 0 waits as long as the peer likes. Otherwise (a getSystemTime value) everything
+// this reads, the whole head and what it discards or drains, must have arrived by then: each
+// peek first waits with the time left (one poll more per peek), and the read gives up with 0
+// when the time runs out. Bytes already taken are then lost; the caller closes the connection.
+int32_t ReadHead(int32_t socket, char* buffer, int32_t size, int64_t deadline_ms = 0) noexcept;
 
 }  // namespace tw::httpclient

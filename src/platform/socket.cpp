@@ -7,6 +7,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
@@ -37,6 +38,19 @@ bool ParseIpv4(const char* text, uint32_t* address_out) noexcept {
 int32_t SetTcpNoDelay(int32_t socket) noexcept {
   const int on = 1;
   return setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+bool WaitReadableUntil(int32_t socket, int64_t deadline_ms) noexcept {
+  constexpr int64_t kMaxPollMs = 0x7fffffff;
+  for (;;) {  // ends at the deadline at the latest: each round waits only for the time left
+    const int64_t left = deadline_ms - getSystemTime();
+    if (left <= 0) return false;
+    pollfd waiting{socket, POLLIN, 0};
+    const int ready = poll(&waiting, 1, static_cast<int>(left < kMaxPollMs ? left : kMaxPollMs));
+    if (ready > 0) return true;  // POLLHUP/POLLERR too: the receive then reports it
+    if (ready == 0) continue;    // woke up a little early, or the wait was capped
+    if (errno != EINTR) return false;
+  }
 }
 
 int32_t SocketLocalPort(int32_t socket) noexcept {

@@ -19,6 +19,13 @@ bool ParseIpv4(const char* text, uint32_t* address_out) noexcept;
 // write leaves. Returns the system result.
 int32_t SetTcpNoDelay(int32_t socket) noexcept;
 
+// Waits until a receive on socket would not block (bytes queued, end of stream or an error) or
+// the monotonic clock of getSystemTime reaches deadline_ms. True when a receive may go ahead;
+// false when the time ran out first (a deadline already passed costs no system call) or the wait
+// itself failed. One poll call; a signal that interrupts it neither shortens nor stretches the
+// wait. Lets a blocking reader bound how long one peer may hold it.
+bool WaitReadableUntil(int32_t socket, int64_t deadline_ms) noexcept;
+
 // Sends two buffers in one write (a response's header and a small body: one system call, and
 // they leave together). With more_follows the kernel holds the bytes back for the write that
 // comes next (MSG_MORE), so a header in front of SendFileRange fills the same segments.

@@ -76,6 +76,7 @@ class HttpWire : public LeakCheck {
       __atomic_store_n(&g_server_running, 0, __ATOMIC_RELEASE);
     }
     tw::http::ClearHandlers();
+    HTTP_set_server_idle_timeout(0);
     upnp_http_set_default_url(nullptr);
     HTTP_set_dns_and_remote_port(nullptr, 0);
     tw::http::ForgetRemoteBaseUrl();
@@ -418,6 +419,101 @@ TEST_F(HttpWire, KeptAliveRequestsAllocateOnlyWhatTheirHandlerDoes) {
   const uint64_t before = tw::platform::AllocationCount();
   for (int i = 0; i < kRequests; ++i) ASSERT_EQ(Ask(request).body.size(), 100u);
   EXPECT_EQ(tw::platform::AllocationCount() - before, uint64_t{kRequests});
+}
+
+// Busy for longer than the idle limit of the tests below before it answers, as a handler that
+// streams a long body is.
+int32_t SlowEcho(HttpRequest* r) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  return Echo<'S', 0>(r);
+}
+
+// Ways to hold a connection without completing a head: what the peer sends at once (a whole
+// request whose answer it reads first, when `answered`), then what it trickles, a byte a round.
+struct HeldConnection {
+  const char* what;
+  std::string opening;
+  bool answered;
+  std::string trickle;
+};
+
+TEST_F(HttpWire, IdleLimitClosesConnectionsThatHoldTheirHeadBack) {
+  upnp_http_register_handler(Echo<'I', 0>, kAllMethods, nullptr, 0, 1);
+  upnp_http_register_handler(SlowEcho, kAllMethods, "/slow", 0, 1);
+  HTTP_set_server_idle_timeout(1);
+  StartServer();
+  const std::string trickle = "X-Slow: " + std::string(200, 's');
+  const std::vector<HeldConnection> cases = {
+      {"silent", "", false, ""},
+      {"quiet after a request", "GET /k HTTP/1.1\r\n\r\n", true, ""},
+      {"dribbling a head", "GET /d HTTP/1.1\r\n", false, trickle},
+      // The limit covers the whole head: also the part skipped behind a full buffer, and the
+      // chunked body some clients send with a GET, which the head read drains.
+      {"dribbling past the buffer", "GET /o HTTP/1.1\r\nX: " + std::string(9000, 'o'), false,
+       trickle},
+      {"dribbling a GET's body", "GET /c HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n", false,
+       trickle},
+  };
+  using Clock = std::chrono::steady_clock;
+  std::vector<HttpPeer> peers(cases.size());
+  std::vector<Clock::time_point> since(cases.size());
+  std::vector<double> closed_after(cases.size(), -1);
+  // Its handler outlasts the limit; the request behind it is queued already, so the connection
+  // never waits for a head and must be served to the end.
+  HttpPeer busy;
+  ASSERT_TRUE(busy.Connect(record_.http_port));
+  ASSERT_TRUE(busy.Send("GET /slow HTTP/1.1\r\n\r\nGET /again HTTP/1.1\r\n\r\n"));
+  for (size_t i = 0; i < cases.size(); ++i) {
+    ASSERT_TRUE(peers[i].Connect(record_.http_port));
+    if (cases[i].answered) {
+      ASSERT_EQ(Fields(Ask(cases[i].opening, &peers[i]))["tag"], "I") << cases[i].what;
+    } else if (!cases[i].opening.empty()) {
+      ASSERT_TRUE(peers[i].Send(cases[i].opening));
+    }
+    since[i] = Clock::now();
+  }
+  // Rounds of about 50 ms: each trickles a byte to each open connection, looks for closes and
+  // has the fixture's client ask once, which therefore never idles for long on its connection.
+  int rounds = 0;
+  int served = 0;
+  size_t open = cases.size();
+  for (; rounds < 60 && open > 0; ++rounds) {
+    for (size_t i = 0; i < cases.size(); ++i) {
+      if (closed_after[i] >= 0) continue;
+      const std::string& bytes = cases[i].trickle;
+      if (static_cast<size_t>(rounds) < bytes.size()) peers[i].Send(bytes.substr(rounds, 1));
+      if (peers[i].WaitClosed(0)) {
+        closed_after[i] = std::chrono::duration<double>(Clock::now() - since[i]).count();
+        --open;
+      }
+    }
+    served += Echoed("GET /alive HTTP/1.1\r\n\r\n")["tag"] == "I" ? 1 : 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_GE(closed_after[i], 0.75) << cases[i].what;
+    EXPECT_LE(closed_after[i], 2.5) << cases[i].what;
+    EXPECT_EQ(peers[i].ReadAll(0), "") << cases[i].what << ": closed without an answer";
+  }
+  EXPECT_EQ(served, rounds);
+  EXPECT_EQ(Fields(busy.ReadResponse())["tag"], "S");
+  EXPECT_EQ(Fields(busy.ReadResponse())["url"], "/again");
+}
+
+TEST_F(HttpWire, WithoutIdleLimitSilentConnectionsStayOpen) {
+  upnp_http_register_handler(Echo<'I', 0>, kAllMethods, nullptr, 0, 1);
+  HTTP_set_server_idle_timeout(-1);
+  StartServer();
+  HttpPeer negative;  // its head read starts while the limit is -1
+  ASSERT_TRUE(negative.Connect(record_.http_port));
+  EXPECT_TRUE(negative.StaysSilent(300));
+  HTTP_set_server_idle_timeout(1);
+  HTTP_set_server_idle_timeout(0);  // off again after having been on
+  HttpPeer zero;
+  ASSERT_TRUE(zero.Connect(record_.http_port));
+  EXPECT_TRUE(zero.StaysSilent(2500));
+  EXPECT_EQ(Fields(Ask("GET /n HTTP/1.1\r\n\r\n", &negative))["url"], "/n");
+  EXPECT_EQ(Fields(Ask("GET /z HTTP/1.1\r\n\r\n", &zero))["url"], "/z");
 }
 
 int32_t H1(HttpRequest*) { return 0; }
