@@ -11,7 +11,7 @@ NETNS := sh scripts/netns-run.sh
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build test run check asan tsan arm arm-release fuzz bench format format-check clean
+.PHONY: all deps build test run check asan tsan arm arm-release stress fuzz bench format format-check clean
 
 all: build
 
@@ -54,6 +54,11 @@ arm:
 	  -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DTW_WERROR=$(WERROR)
 	cmake --build build-arm -j$(JOBS)
 	$(NETNS) ctest --test-dir build-arm $(CTEST_ARGS)
+
+# Load and fault runs that take longer than a unit test: each script of tests/stress/ against the
+# plain build, inside the private namespace (each script enters it by itself).
+stress: build
+	@for script in tests/stress/*.sh; do echo "== $$script"; sh "$$script" build || exit 1; done
 
 # The library as it ships for 32-bit ARM: a Release build, its tests under qemu, then the shared
 # object stripped to build-arm-release/dist/ with its size.
