@@ -3,6 +3,8 @@
 #   make run    the main job (see README.md)
 #   make check  the format check, make test, then ASan+UBSan, TSan, the 32-bit ARM build under
 #               qemu, and short fuzz runs
+#   make fuzz-long [FUZZ_SECONDS=600] [FUZZ_TARGETS="fuzz_ssdp ..."]
+#               each fuzz target for longer, then what it found merged into fuzz/corpus/
 SHELL := /bin/sh
 JOBS ?= 2
 BUILD_TYPE ?= RelWithDebInfo
@@ -10,8 +12,13 @@ WERROR ?= ON
 NETNS := sh scripts/netns-run.sh
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 FUZZ_SECONDS ?= 20
+# fuzz-long runs 600 s per target unless FUZZ_SECONDS is given on the command line or in the
+# environment; FUZZ_TARGETS (empty: all) names the programs it runs.
+FUZZ_LONG_SECONDS := $(if $(filter file,$(origin FUZZ_SECONDS)),600,$(FUZZ_SECONDS))
+FUZZ_TARGETS ?=
 
-.PHONY: all deps build test run check asan tsan arm arm-release stress fuzz bench format format-check clean
+.PHONY: all deps build test run check asan tsan arm arm-release stress fuzz fuzz-build fuzz-long \
+  bench format format-check clean
 
 all: build
 
@@ -70,12 +77,17 @@ arm-release:
 	$(NETNS) ctest --test-dir build-arm-release $(CTEST_ARGS)
 	sh scripts/strip-release.sh build-arm-release arm-linux-gnueabihf-
 
-fuzz:
+fuzz-build:
 	@sh scripts/install-deps.sh --check
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DTW_BUILD_FUZZ=ON -DBUILD_TESTING=OFF -DTW_BUILD_EXAMPLES=OFF
 	cmake --build build-fuzz -j$(JOBS)
+
+fuzz: fuzz-build
 	sh scripts/run-fuzz.sh build-fuzz $(FUZZ_SECONDS)
+
+fuzz-long: fuzz-build
+	sh scripts/run-fuzz-long.sh build-fuzz $(FUZZ_LONG_SECONDS) $(FUZZ_TARGETS)
 
 bench:
 	@sh scripts/install-deps.sh --bench

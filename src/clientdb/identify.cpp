@@ -529,53 +529,48 @@ char* CopyToControl(const char* text, std::size_t max) noexcept {
   return copy;
 }
 
-struct Announcement {
-  char* location = nullptr;
-  char* ip = nullptr;
-  char* udn = nullptr;
-  ~Announcement() {
-    FreeText(location);
-    FreeText(ip);
-    FreeText(udn);
-  }
-  // Location, the device's address and its UDN from the packet, or false.
-  bool Read(const char* packet) noexcept {
-    const char* http = upnp_istrstr(packet, "http://");
-    if (http == nullptr) return false;
-    location = CopyToControl(http, kLocationMax);
-    const char* host = http + 7;
-    std::size_t n = 0;
-    while (n < kAddressMax && host[n] != '\0' && host[n] != ':' && host[n] != '/') ++n;
-    ip = static_cast<char*>(upnp_malloc_impl(n + 1));
-    if (location == nullptr || ip == nullptr) return false;
-    std::memcpy(ip, host, n);
-    ip[n] = '\0';
-    const char* usn = upnp_istrstr(packet, "USN:");
-    const char* uuid = usn != nullptr ? std::strstr(usn, "uuid:") : nullptr;
-    if (uuid == nullptr) return false;
-    std::size_t length = std::strlen(uuid);
-    if (length > kUdnCutFrom) {
-      if (const char* colon = std::strchr(uuid + kUdnCutFrom, ':'); colon != nullptr) {
-        length = static_cast<std::size_t>(colon - uuid);
-      }
-    }
-    // The line end, too, when the USN has no service part.
-    std::size_t end = 0;
-    while (end < length && static_cast<unsigned char>(uuid[end]) >= 32) ++end;
-    udn = static_cast<char*>(upnp_malloc_impl(end + 1));
-    if (udn == nullptr) return false;
-    std::memcpy(udn, uuid, end);
-    udn[end] = '\0';
-    return std::strstr(udn, "RemoteUI-Client-Embedded-Device") == nullptr;
-  }
-};
-
 }  // namespace
 
-void CheckClient(const char* packet_text) noexcept {
+Announcement::~Announcement() {
+  FreeText(location);
+  FreeText(ip);
+  FreeText(udn);
+}
+
+bool Announcement::Read(const char* packet_text) noexcept {
   char packet[kPacketCopy + 1];
   std::strncpy(packet, packet_text, kPacketCopy);
   packet[kPacketCopy] = '\0';
+  const char* http = upnp_istrstr(packet, "http://");
+  if (http == nullptr) return false;
+  location = CopyToControl(http, kLocationMax);
+  const char* host = http + 7;
+  std::size_t n = 0;
+  while (n < kAddressMax && host[n] != '\0' && host[n] != ':' && host[n] != '/') ++n;
+  ip = static_cast<char*>(upnp_malloc_impl(n + 1));
+  if (location == nullptr || ip == nullptr) return false;
+  std::memcpy(ip, host, n);
+  ip[n] = '\0';
+  const char* usn = upnp_istrstr(packet, "USN:");
+  const char* uuid = usn != nullptr ? std::strstr(usn, "uuid:") : nullptr;
+  if (uuid == nullptr) return false;
+  std::size_t length = std::strlen(uuid);
+  if (length > kUdnCutFrom) {
+    if (const char* colon = std::strchr(uuid + kUdnCutFrom, ':'); colon != nullptr) {
+      length = static_cast<std::size_t>(colon - uuid);
+    }
+  }
+  // The line end, too, when the USN has no service part.
+  std::size_t end = 0;
+  while (end < length && static_cast<unsigned char>(uuid[end]) >= 32) ++end;
+  udn = static_cast<char*>(upnp_malloc_impl(end + 1));
+  if (udn == nullptr) return false;
+  std::memcpy(udn, uuid, end);
+  udn[end] = '\0';
+  return std::strstr(udn, "RemoteUI-Client-Embedded-Device") == nullptr;
+}
+
+void CheckClient(const char* packet) noexcept {
   Announcement announcement;
   if (!announcement.Read(packet)) return;
   char mac[32];

@@ -31,6 +31,22 @@ struct DeviceFindings {
   void Clear() noexcept;
 };
 int32_t CheckDeviceDescription(const char* url, DeviceFindings* found) noexcept;
+// What an alive announcement tells about the announcing device, read from the packet's first
+// 1023 bytes: the first "http://" text up to a blank or control byte (at most 255 bytes), its
+// host (at most 19 bytes, up to ':' or '/') and the UDN ("uuid:" after "USN:", up to the line end
+// or to a ':' from its 10th byte on). Owned copies, freed with the record.
+struct Announcement {
+  char* location = nullptr;
+  char* ip = nullptr;
+  char* udn = nullptr;
+  Announcement() = default;
+  Announcement(const Announcement&) = delete;
+  Announcement& operator=(const Announcement&) = delete;
+  ~Announcement();
+  // False when a part is missing or memory is short, and for a remote UI client's embedded
+  // device, which is never examined.
+  bool Read(const char* packet) noexcept;
+};
 // The work of one alive announcement (the packet text is not changed).
 void CheckClient(const char* packet) noexcept;
 

@@ -59,6 +59,12 @@ void CallHandlers(const char* message, upnp_server_data* server, const char* add
   }
 }
 
+void HandleDatagram(const char* message, upnp_server_data* server, const char* address,
+                    int32_t port) noexcept {
+  CallHandlers(message, server, address, port);
+  ProcessQueue();
+}
+
 void ClearHandlersForTesting() noexcept {
   g_handler_count.store(0, std::memory_order_release);
   for (auto& handler : g_handlers) handler.store(nullptr);
@@ -92,8 +98,7 @@ void RunListener(upnp_server_data* server) noexcept {
       break;
     }
     buffer[received] = '\0';
-    CallHandlers(buffer, server, sender, sender_port);
-    ProcessQueue();
+    HandleDatagram(buffer, server, sender, sender_port);
   }
 
   if (bad_receive) {

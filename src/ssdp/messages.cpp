@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Every SSDP datagram the library sends: NOTIFY alive and byebye, search answers and the
 // M-SEARCH requests, with the device roles and the entries each role announces.
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -146,6 +147,8 @@ constexpr std::string_view kSearchTexts[] = {
 static_assert(sizeof(kSearchTexts) / sizeof(kSearchTexts[0]) ==
               static_cast<size_t>(Search::kGatewayMx10) + 1);
 
+std::atomic<SendFn> g_send{nullptr};
+
 const char* OrEmpty(const char* text) noexcept { return text != nullptr ? text : ""; }
 
 const char* EntryType(std::string_view entry) noexcept {
@@ -163,11 +166,20 @@ void FormatUsn(char (&usn)[kPacketSize], const char* udn, const char* type) noex
 
 int32_t Send(int32_t socket, const char* packet, const char* dest_addr,
              int32_t dest_port) noexcept {
-  return upnp_sendto(socket, packet, static_cast<int32_t>(std::strlen(packet)), dest_addr,
-                     dest_port);
+  return SendDatagram(socket, packet, static_cast<int32_t>(std::strlen(packet)), dest_addr,
+                      dest_port);
 }
 
 }  // namespace
+
+int32_t SendDatagram(int32_t socket, const char* data, int32_t length, const char* address,
+                     int32_t port) noexcept {
+  const SendFn send = g_send.load(std::memory_order_acquire);
+  if (send != nullptr) return send(socket, data, length, address, port);
+  return upnp_sendto(socket, data, length, address, port);
+}
+
+void SetSendForTesting(SendFn send) noexcept { g_send.store(send, std::memory_order_release); }
 
 int32_t SendPacket(Packet kind, const char* dest_addr, int32_t dest_port, int32_t socket,
                    const char* local_addr, int32_t local_port, const char* type, const char* udn,

@@ -29,8 +29,8 @@ bool SearchSocketOpen(const upnp_server_data& server) noexcept {
 
 void SendSearch(const upnp_server_data& server, Search kind) noexcept {
   const std::string_view text = SearchText(kind);
-  upnp_sendto(LoadSocket(&server.ssdp_search_socket), text.data(),
-              static_cast<int32_t>(text.size()), kGroupAddress, kGroupPort);
+  SendDatagram(LoadSocket(&server.ssdp_search_socket), text.data(),
+               static_cast<int32_t>(text.size()), kGroupAddress, kGroupPort);
   Sleep(kSendPauseMs);
 }
 
@@ -120,8 +120,7 @@ void Receive(upnp_server_data& server) noexcept {
     if (received < 1) break;
     buffer[received] = '\0';
     // Intended: handlers get the record's own address here, not the answering device's.
-    CallHandlers(buffer, &server, server.ip_address, sender_port);
-    ProcessQueue();
+    HandleDatagram(buffer, &server, server.ip_address, sender_port);
   }
   // The slot is emptied first, so the sender stops at its next step; the descriptor itself is
   // closed once the sender no longer sends on it (bounded: a sender stuck elsewhere is not

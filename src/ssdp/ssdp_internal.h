@@ -50,6 +50,9 @@ bool InstallSocket(int32_t* slot, int32_t socket) noexcept;
 
 // ---- Messages (messages.cpp) ----
 enum class Packet : int { kAlive, kAnswer };
+// Every datagram of discovery leaves through here: upnp_sendto, unless a test replaced it.
+int32_t SendDatagram(int32_t socket, const char* data, int32_t length, const char* address,
+                     int32_t port) noexcept;
 int32_t SendPacket(Packet kind, const char* dest_addr, int32_t dest_port, int32_t socket,
                    const char* local_addr, int32_t local_port, const char* type, const char* udn,
                    const char* path) noexcept;
@@ -89,6 +92,10 @@ int32_t TickMs() noexcept;
 // Calls every registered handler in registration order.
 void CallHandlers(const char* message, upnp_server_data* server, const char* address,
                   int32_t port) noexcept;
+// The work of one received datagram (message: its text, NUL-terminated): every handler, then
+// the queued answers that are due. The listener and the search thread run it per datagram.
+void HandleDatagram(const char* message, upnp_server_data* server, const char* address,
+                    int32_t port) noexcept;
 void RegisterHandler(upnp_ssdp_handler_fn handler, const char* name) noexcept;
 bool HandlerRegistered(upnp_ssdp_handler_fn handler) noexcept;
 void RunListener(upnp_server_data* server) noexcept;
@@ -135,5 +142,10 @@ void ResetRequestsForTesting() noexcept;
 uint32_t LastAliveTickCountForTesting() noexcept;
 // Answers waiting in the queue.
 int32_t QueuedAnswersForTesting() noexcept;
+// Replaces what SendDatagram does (null restores upnp_sendto), so a harness can run the handler
+// and queue road over made-up datagrams without a packet leaving the process.
+using SendFn = int32_t (*)(int32_t socket, const char* data, int32_t length, const char* address,
+                           int32_t port) noexcept;
+void SetSendForTesting(SendFn send) noexcept;
 
 }  // namespace tw::ssdp

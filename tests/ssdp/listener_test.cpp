@@ -98,6 +98,60 @@ TEST_F(SsdpListener, FailingAddressJoinsBlacklistOnlyAfterAFirstEntry) {
   EXPECT_STREQ(strIFblacklist, "192.168.1");
 }
 
+// What the replaced send got: "<address>:<port> <text>" per datagram.
+std::vector<std::string> g_sent;
+int32_t Capture(int32_t, const char* data, int32_t length, const char* address,
+                int32_t port) noexcept {
+  g_sent.push_back(std::string(address) + ":" + std::to_string(port) + " " +
+                   std::string(data, static_cast<size_t>(length)));
+  return length;
+}
+// Queues an answer for the datagram's text to the sender: one due later, one already overdue
+// (to the next port).
+int32_t QueueTwo(const char* text, upnp_server_data* server, const char*, int32_t port) {
+  SSDP_queue_notify_packet(NewAnswer(2, port, server, text));
+  SSDP_queue_notify_packet(NewAnswer(-1, port + 1, server, text));
+  return 0;
+}
+
+// The per-datagram work without a listener: the harnesses that feed made-up datagrams rely on
+// the replaced send taking every answer, so none reaches a socket.
+class SsdpDatagram : public DiscoveryTest {
+ protected:
+  void SetUp() override {
+    DiscoveryTest::SetUp();
+    g_sent.clear();
+    std::lock_guard<std::mutex> lock(g_calls_mutex);
+    g_calls.clear();
+  }
+  void TearDown() override {
+    ssdp::SetSendForTesting(nullptr);
+    DiscoveryTest::TearDown();
+  }
+};
+
+TEST_F(SsdpDatagram, HandlersRunThenDueAnswersGoToTheReplacedSend) {
+  upnp_server_data record{};
+  std::snprintf(record.ip_address, sizeof(record.ip_address), "127.0.0.1");
+  record.http_port = 9000;
+  record.http_socket = record.ssdp_listen_socket = record.ssdp_search_socket =
+      record.ssdp_notify_socket = -1;
+  upnp_ssdp_isMediaServer();
+  ssdp::SetSendForTesting(Capture);
+  upnp_ssdp_register_handler(Record<'A'>, "a");
+  upnp_ssdp_register_handler(QueueTwo, "queue");
+  ssdp::HandleDatagram("upnp:rootdevice", &record, "10.1.2.3", 40000);
+  EXPECT_THAT(CallsWith("rootdevice"),
+              ElementsAre(CallText('A', &record, "10.1.2.3", 40000, "upnp:rootdevice")));
+  // The due answer three times to its searcher; the overdue one stays queued, unsent.
+  ASSERT_EQ(g_sent.size(), 3u);
+  for (const std::string& sent : g_sent) {
+    EXPECT_EQ(sent.rfind("127.0.0.1:40000 HTTP/1.1 200 OK\r\n", 0), 0u) << sent;
+    EXPECT_NE(sent.find("\r\nST: upnp:rootdevice\r\n"), std::string::npos) << sent;
+  }
+  EXPECT_EQ(ssdp::QueuedAnswersForTesting(), 1);
+}
+
 class SsdpQueue : public SsdpTest {
  protected:
   upnp_ssdp_answer* New(int32_t delay, const std::string& target = "upnp:rootdevice") {
