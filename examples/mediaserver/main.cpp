@@ -3,12 +3,13 @@
 // (with byte ranges), announces a UPnP MediaServer over SSDP and answers searches for it.
 //
 //   tarnwick-mediaserver [-folder PATH] [-idletimeout SECONDS] [-ip ADDRESS] [-httpport PORT]
-//                        [-friendlyname NAME] [-v MASK]
+//                        [-friendlyname NAME] [-v MASK] [-logfile PATH]
 //                        [any other property of the library as -name value]
 //
 // It runs until SIGINT or SIGTERM, then stops the servers (which sends the byebyes) and exits.
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "../shared/installed_resources.h"
@@ -64,6 +65,12 @@ bool Configure(int argc, char** argv) {
     upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_NMCMODE, "0");
   }
   if (upnp_ini_file_isModified(UPNP_INI_KEY_V) == 0) upnp_log_set_mode(kDefaultLogMask);
+  // "stdout", the default, keeps the lines where they already go. A file that cannot be opened
+  // or later written (a full disk) sends them to standard output, so they are never lost.
+  const char* log_path = upnp_ini_file_getString(UPNP_INI_KEY_LOGFILE);
+  if (log_path != nullptr && log_path[0] != '\0' && std::strcmp(log_path, "stdout") != 0) {
+    upnp_log_init(log_path);
+  }
   return true;
 }
 

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // "clients.data": the client records kept across restarts. A record is 13 fields, each a length
 // of exactly three decimal digits, the text and a line feed (the length does not count it). No
-// header, no version: the file is rewritten whole after every change.
+// header, no version: the file is rewritten whole after every change, into "clients.data.new"
+// beside it, which then replaces it. A full disk or a crash in the middle of a write so leaves
+// the previous table whole instead of cut short (the next read would drop every record behind
+// the cut), and the devices a user enabled stay enabled.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +13,7 @@
 #include "clientdb/records.h"
 #include "clientdb/types.h"
 #include "tarnwick/config.h"
+#include "tarnwick/log.h"
 #include "tarnwick/media.h"
 #include "tarnwick/platform.h"
 
@@ -22,38 +26,54 @@ constexpr size_t kLengthDigits = 3;
 constexpr size_t kMaxFieldText = 999;  // what three digits can announce
 
 // Cut silently at the buffer's size, as every path of the library.
-void TablePath(char (&path)[kPathSize]) noexcept {
+void TablePath(char (&path)[kPathSize], const char* suffix = "") noexcept {
   const char* dir = upnp_ini_file_getString(UPNP_INI_KEY_APPDATA);
-  std::snprintf(path, sizeof(path), "%s%cclients.data", dir != nullptr ? dir : "", '/');
+  std::snprintf(path, sizeof(path), "%s%cclients.data%s", dir != nullptr ? dir : "", '/', suffix);
 }
 
-// Write failures are not reported: a file that could not be opened leaves every write a no-op.
-void WriteField(upnp_file* file, const char* text) noexcept {
-  if (text == nullptr) text = "";
-  const size_t length = std::strlen(text);
-  // Texts longer than 999 bytes are not provided for: the prefix then takes four digits and the
-  // file reads back short from that field on, which the reader treats as a corrupt end.
-  char prefix[16];
-  const int n = std::snprintf(prefix, sizeof(prefix), "%03zu", length);
-  upnp_file_write(file, prefix, static_cast<uint32_t>(n));
-  if (length > 0) upnp_file_write(file, text, static_cast<uint32_t>(length));
-  upnp_file_write(file, "\n", 1);
-}
+// Remembers whether every write went through, so that one check decides the whole file.
+class TableWriter {
+ public:
+  explicit TableWriter(upnp_file* file) noexcept : file_(file) {}
+  bool ok() const noexcept { return ok_; }
 
-void WriteRecord(upnp_file* file, const upnp_client& r) noexcept {
+  void Write(const void* bytes, size_t length) noexcept {
+    if (!ok_ || length == 0) return;
+    const int32_t n = upnp_file_write(file_, bytes, static_cast<uint32_t>(length));
+    ok_ = n >= 0 && static_cast<size_t>(n) == length;
+  }
+
+  void Field(const char* text) noexcept {
+    if (text == nullptr) text = "";
+    const size_t length = std::strlen(text);
+    // Texts longer than 999 bytes are not provided for: the prefix then takes four digits and
+    // the file reads back short from that field on, which the reader treats as a corrupt end.
+    char prefix[16];
+    const int n = std::snprintf(prefix, sizeof(prefix), "%03zu", length);
+    Write(prefix, static_cast<size_t>(n));
+    Write(text, length);
+    Write("\n", 1);
+  }
+
+ private:
+  upnp_file* file_;
+  bool ok_ = true;
+};
+
+void WriteRecord(TableWriter& out, const upnp_client& r) noexcept {
   const char* const texts[] = {
       r.friendly_name, r.mac,           r.ip, r.udn, r.header_pattern, r.second_header_pattern,
       r.icon_url,      r.icon_mime_type};
-  for (const char* text : texts) WriteField(file, text);
+  for (const char* text : texts) out.Field(text);
   char number[16];
   std::snprintf(number, sizeof(number), "%03d", r.client_type);
-  WriteField(file, number);
+  out.Field(number);
   std::snprintf(number, sizeof(number), "%01d", r.enabled);
-  WriteField(file, number);
+  out.Field(number);
   std::snprintf(number, sizeof(number), "%03d", r.assignment);
-  WriteField(file, number);
-  WriteField(file, r.view);
-  WriteField(file, HasDefaultView(r.client_type) ? "1" : "0");  // informational, never read
+  out.Field(number);
+  out.Field(r.view);
+  out.Field(HasDefaultView(r.client_type) ? "1" : "0");  // informational, never read
 }
 
 // Detected clients that show the default view are found again on their next request.
@@ -156,16 +176,32 @@ void ReadTable() noexcept {
 
 void WriteTable() noexcept {
   char path[kPathSize];
+  char next[kPathSize];
   TablePath(path);
-  Guard guard;
-  if (!guard.held()) return;
-  upnp_file_unlink(path);
-  upnp_file* file = upnp_file_open_write(path);
-  if (file == nullptr) return;
-  for (const upnp_client* r = g_pClients; r != nullptr; r = r->next) {
-    if (Stored(*r)) WriteRecord(file, *r);
+  TablePath(next, ".new");
+  bool saved = false;
+  {
+    Guard guard;
+    if (!guard.held()) return;
+    upnp_file_unlink(next);  // a leftover of an earlier failure; opening for write appends
+    upnp_file* file = upnp_file_open_write(next);
+    if (file != nullptr) {
+      TableWriter out(file);
+      for (const upnp_client* r = g_pClients; r != nullptr && out.ok(); r = r->next) {
+        if (Stored(*r)) WriteRecord(out, *r);
+      }
+      // On the disk before the rename, or a power cut could leave the new name on no data.
+      saved = out.ok() && upnp_file_flush(file) == 0;
+      upnp_file_close(file);
+      saved = saved && upnp_file_rename(next, path) == 0;
+      if (!saved) upnp_file_unlink(next);
+    }
   }
-  upnp_file_close(file);
+  // Logged outside the table lock: the log may take other locks.
+  if (!saved) {
+    upnp_log_err_impl(UPNP_LOG_CLIENT_DB,
+                      "client_table_write could not write %s, the previous table stays", next);
+  }
 }
 
 void ResetClients() noexcept {

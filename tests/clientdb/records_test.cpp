@@ -45,6 +45,25 @@ TEST_F(ClientRecords, FileBytesAndOrderFlipOnEachRead) {
             "2\n00:11:22:33:44:55\n\n\n1\nTV\n\n\nall\n1\n##########\n");
 }
 
+// A table that cannot be written whole leaves the one before it, never a cut one.
+TEST_F(ClientRecords, AFailedWriteLeavesThePreviousTable) {
+  Take(upnp_client_add(kMacA, 2, 1, nullptr));
+  const std::string before = ReadFile(DataPath());
+  ASSERT_FALSE(before.empty());
+  const std::string next = DataPath() + ".new";
+  ASSERT_EQ(upnp_file_mkdir(next.c_str()), 0);  // where the new table goes cannot be a file
+  Take(upnp_client_add(kMacB, 3, 0, nullptr));
+  EXPECT_EQ(ReadFile(DataPath()), before);
+  EXPECT_EQ(Macs(), std::string(kMacB) + "," + kMacA + ",");  // the records themselves stay
+
+  ASSERT_EQ(upnp_dir_unlink(next.c_str()), 0);
+  client_table_write();
+  client_table_read();  // reading flips the order
+  EXPECT_EQ(Macs(), std::string(kMacA) + "," + kMacB + ",");
+  upnp_stat info{};
+  EXPECT_NE(upnp_file_stat(next.c_str(), &info), 0) << "the new table was renamed into place";
+}
+
 TEST_F(ClientRecords, HundredRecordsKeptMoreDiscardWithFile) {
   const struct {
     int records;
