@@ -48,13 +48,12 @@ class Heartbeat {
 
     if (RoleEnabled(Role::kMediaServer)) CheckMarker(kServerMarker);
     if (RoleEnabled(Role::kRenderer)) CheckMarker(kRendererMarker);
-    if (upnp_ini_file_getInt(UPNP_INI_KEY_NMCMODE) == 1) Sleep(kStartDelayMs);
+    if (upnp_ini_file_getInt(UPNP_INI_KEY_NMCMODE) == 1) Pause(kStartDelayMs);
 
     // Twice, since a single datagram is easily lost while the network settles.
-    SendAlive();
-    Sleep(kAlivePauseMs);
-    SendAlive();
-    Sleep(kAlivePauseMs);
+    if (Pause(0)) SendAlive();
+    if (Pause(kAlivePauseMs)) SendAlive();
+    Pause(kAlivePauseMs);
 
     Loop();
 
@@ -82,6 +81,21 @@ class Heartbeat {
   bool Serving() const noexcept {
     const int32_t socket = Socket();
     return ServerRunning() && socket != 0 && socket != -1;
+  }
+
+  // The pauses before the loop end at the next tick once the server stops or a shutdown is
+  // asked for: a stop leaves the socket open only for its short pause, and a heartbeat still
+  // asleep in its start delay or between its first alive sets would find it closed and leave
+  // without its byebyes. False once stopping.
+  bool Pause(int32_t ms) const noexcept {
+    for (;;) {
+      if (!Serving() || g_shutdown.load() != 0) return false;
+      if (ms <= 0) return true;
+      const int32_t tick = TickMs() > 0 ? TickMs() : 1;
+      const int32_t step = ms < tick ? ms : tick;
+      Sleep(step);
+      ms -= step;
+    }
   }
 
   bool OpenSocket() noexcept {
@@ -127,7 +141,7 @@ class Heartbeat {
     }
     const int32_t fd = open_write(path);
     if (fd >= 0) close_file(fd);
-    Sleep(kMarkerPauseMs);
+    Pause(kMarkerPauseMs);
   }
 
   void RemoveMarker(const char* name) const noexcept {

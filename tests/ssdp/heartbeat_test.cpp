@@ -73,6 +73,26 @@ TEST_F(SsdpHeartbeat, AliveByebyeAndWakeupRequestsThenGenerationChangeEndsSilent
   EXPECT_NE(record_.ssdp_notify_socket, -1);
 }
 
+// A stop gives the heartbeat one short pause before it closes the socket. A heartbeat still in
+// its start delay, or between its first alive sets, must say byebye within it all the same.
+TEST_F(SsdpHeartbeat, AStopDuringTheStartPausesStillSaysByebye) {
+  upnp_ssdp_isMediaServer();
+  ssdp::SetTickForTesting(100);
+  // In the 10 s start delay (past the marker pause), and between the first two alive sets.
+  for (const bool delayed : {true, false}) {
+    upnp_ini_file_setPropertyByKey(UPNP_INI_KEY_NMCMODE, delayed ? "1" : "0");
+    SetState(1);
+    ASSERT_EQ(Start(delayed ? 0 : 6).size(), delayed ? 0u : 6u);
+    if (delayed) std::this_thread::sleep_for(600ms);
+    SetState(-1);
+    const std::vector<Datagram> bye = group_.Collect(10, 200ms);  // the pause of a stop
+    EXPECT_EQ(Fields(bye, "NTS"), std::vector<std::string>(10, "ssdp:byebye")) << delayed;
+    EndThreads();
+    EXPECT_FALSE(FileExists(dir_.File("tmsbyebye"))) << delayed;
+    EXPECT_TRUE(Drain(group_).empty()) << delayed;
+  }
+}
+
 TEST(SsdpBeat, PeriodicAliveWhenTheTicksExceedAThirdOfTheBeatCappedAtAMinute) {
   // "Exceeds" is intended: a beat of 60 s gives an alive every 201 ticks of 100 ms.
   for (const auto& [beat, ticks] : {std::pair(60u, 200u), {90u, 300u}, {1810u, 599u}}) {
