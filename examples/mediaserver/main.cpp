@@ -7,6 +7,8 @@
 //                        [any other property of the library as -name value]
 //
 // It runs until SIGINT or SIGTERM, then stops the servers (which sends the byebyes) and exits.
+// SIGHUP makes it look at the network interfaces at once (as a network-change notice of the
+// system would): a new or vanished address restarts the servers.
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -36,7 +38,10 @@ constexpr int kExitFailed = 1;
 
 volatile std::sig_atomic_t g_stop_signal = 0;
 
+volatile std::sig_atomic_t g_network_signal = 0;
+
 void OnSignal(int signal_number) { g_stop_signal = signal_number; }
+void OnNetworkSignal(int) { g_network_signal = 1; }
 
 // Library log categories shown when the user chose none: the server core's start and stop lines.
 constexpr uint32_t kDefaultLogMask = UPNP_LOG_SYSTEM;
@@ -116,6 +121,7 @@ int main(int argc, char** argv) {
   upnp_ssdp_isMediaServer();
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
+  std::signal(SIGHUP, OnNetworkSignal);
 
   // The client table and types before the first request or announcement wants them; the
   // configuration names the appdata directory the table is kept in.
@@ -138,6 +144,10 @@ int main(int argc, char** argv) {
   while (g_stop_signal == 0) {
     Sleep(kPollMs);
     const int64_t now_ms = getSystemTime();
+    if (g_network_signal != 0) {
+      g_network_signal = 0;
+      Server_trigger_NICchange();
+    }
     check_NIC_change(now_ms / 1000);
     if (now_ms >= next_look) {
       // A changed folder means a new SystemUpdateID, which subscribers hear about.
