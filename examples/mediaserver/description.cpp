@@ -4,6 +4,8 @@
 // control URLs belong to content_directory.cpp and connection_manager.cpp, the event URLs to
 // eventing.cpp.
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -222,9 +224,25 @@ int32_t SendText(HttpRequest* request, const char* text, size_t length) {
   return HTTP_send(request, text);
 }
 
+// Built once per name and UDN: a control point fetches it again and again, and a request that
+// allocates nothing leaves nothing in the memory its thread used.
+std::shared_ptr<const std::string> CurrentDescription() {
+  static std::mutex mutex;
+  static std::shared_ptr<const std::string> xml;
+  static Settings built_for;
+  const Settings& settings = CurrentSettings();
+  std::lock_guard<std::mutex> lock(mutex);
+  if (xml == nullptr || settings.friendly_name != built_for.friendly_name ||
+      settings.udn != built_for.udn) {
+    built_for = settings;
+    xml = std::make_shared<const std::string>(DeviceDescription());
+  }
+  return xml;
+}
+
 int32_t OnDescription(HttpRequest* request) {
-  const std::string xml = DeviceDescription();
-  return SendText(request, xml.c_str(), xml.size());
+  const std::shared_ptr<const std::string> xml = CurrentDescription();
+  return SendText(request, xml->c_str(), xml->size());
 }
 
 int32_t OnContentDirectoryScpd(HttpRequest* request) {

@@ -85,7 +85,7 @@ upnp_file* OpenThroughCache(HttpRequest* request, const std::string& id, Object*
     request->file_cache = cache;
   }
   if (cache->file != nullptr) upnp_file_close(cache->file);
-  upnp_free_impl(cache->blocks[0]);
+  if (cache->blocks[0] != nullptr) upnp_free_impl(cache->blocks[0]);  // null logs a complaint
   cache->file = file;
   cached = static_cast<CachedItem*>(upnp_malloc_impl(sizeof(CachedItem) + path.size()));
   if (cached != nullptr) {

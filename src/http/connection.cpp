@@ -13,6 +13,7 @@
 #include "base/fixed_text.h"
 #include "http/registry.h"
 #include "httpclient/head_reader.h"
+#include "platform/detached_thread.h"
 #include "platform/memory_release.h"
 #include "platform/socket.h"
 #include "platform/time_zone.h"
@@ -27,7 +28,6 @@ namespace {
 
 constexpr int32_t kDefaultPort = 9000;
 constexpr int32_t kBindAttempts = 1001;
-constexpr int32_t kWorkerThreadLevel = 5;
 // A failing accept (for instance out of descriptors) is retried; the pause keeps that from
 // spinning a core while the condition lasts.
 constexpr int32_t kAcceptRetryPauseMs = 10;
@@ -389,7 +389,11 @@ int32_t AcceptLoop(upnp_server_data* server) noexcept {
       connection->tls_session = session;
     }
     WorkerStarting();
-    upnp_start_thread(HTTP_receive, connection, kWorkerThreadLevel);
+    if (!platform::StartDetachedThread(HTTP_receive, connection)) {
+      upnp_log_err_impl(UPNP_LOG_HTTP, "HTTP_accept could not start a connection thread");
+      EndConnection(connection);
+      WorkerFinished();
+    }
   }
   upnp_log_info_impl(UPNP_LOG_HTTP, "HTTP_accept HTTP server terminated at http://%s:%d/",
                      server->ip_address, static_cast<int>(server->http_port));
@@ -454,14 +458,15 @@ int32_t ServeOne(HttpConnection* connection, ConnectionScratch* scratch) noexcep
   return close ? 1 : result;
 }
 
-void ConnectionLoop(HttpConnection* connection) noexcept {
+void ConnectionLoop(HttpConnection* connection, HttpRequest* record) noexcept {
   // The peer stays the same and the request record can be reused: both are taken once per
   // connection, not once per request. Unless an idle limit is set (SetIdleLimit), a kept-alive
   // connection waits in the head read until the peer sends or closes.
   // File bodies go out with sendfile, which cannot be told not to raise SIGPIPE.
   tw::platform::BlockBrokenPipeSignal();
   ConnectionScratch scratch{};
-  scratch.request = static_cast<HttpRequest*>(upnp_malloc_impl(sizeof(HttpRequest)));
+  scratch.request =
+      record != nullptr ? record : static_cast<HttpRequest*>(upnp_malloc_impl(sizeof(HttpRequest)));
   if (scratch.request != nullptr) {
     int32_t peer_port = 0;
     upnp_util_get_peername(connection->socket, scratch.peer_ip, &peer_port);
@@ -470,8 +475,12 @@ void ConnectionLoop(HttpConnection* connection) noexcept {
     std::memset(scratch.request, 0, sizeof(HttpRequest));
     while (ServeOne(connection, &scratch) == 0 && ServerRunning()) {
     }
-    upnp_free_impl(scratch.request);
+    if (scratch.request != record) upnp_free_impl(scratch.request);
   }
+  EndConnection(connection);
+}
+
+void EndConnection(HttpConnection* connection) noexcept {
   if (connection->tls != nullptr && Tls().session_close != nullptr) {
     Tls().session_close(connection->tls_session, connection->tls);
   }

@@ -14,8 +14,11 @@ void SetDefaultPort(int32_t port) noexcept;
 // the worker starts waiting for it; 0 or less: no limit. Read by each head read as it starts.
 void SetIdleLimit(int32_t seconds) noexcept;
 int32_t AcceptLoop(upnp_server_data* server) noexcept;
-// Runs one connection to its end and frees the context.
-void ConnectionLoop(HttpConnection* connection) noexcept;
+// Runs one connection to its end and frees the context. The request record it reuses is record
+// when given (the worker's own stack), else taken from the heap.
+void ConnectionLoop(HttpConnection* connection, HttpRequest* record = nullptr) noexcept;
+// Ends a connection's TLS session, closes its socket, frees its file cache and the context.
+void EndConnection(HttpConnection* connection) noexcept;
 // What a connection's loop takes once and hands to each of its requests: the request record it
 // reuses, and the texts that stay the same for every request (the peer's address and the base
 // URL of the server record the connection came in on).

@@ -34,9 +34,14 @@ TW_API int32_t HTTP_accept_Impl(upnp_server_data* server) noexcept {
 // Started by the accept loop only, which counted the worker in before the start.
 TW_API void* HTTP_receive(void* connection) noexcept {
   upnp_init_thread("HTTP_receive");
-  if (connection != nullptr) tw::http::ConnectionLoop(static_cast<HttpConnection*>(connection));
+  // The request record lives on the worker's stack, which the library unmaps whole when the
+  // thread has ended; from the heap it would stay resident in the thread's malloc arena after a
+  // burst of connections.
+  HttpRequest record;
+  if (connection != nullptr) {
+    tw::http::ConnectionLoop(static_cast<HttpConnection*>(connection), &record);
+  }
   tw::http::WorkerFinished();
-  tw::platform::ReleaseUnusedStack();
   return nullptr;
 }
 

@@ -12,7 +12,6 @@
 
 #include "platform/detached_thread.h"
 #include "platform/log_hook.h"
-#include "platform/memory_release.h"
 #include "platform/thread_internal.h"
 #include "tarnwick/platform.h"
 
@@ -53,33 +52,165 @@ void SetThreadCreateForTesting(ThreadCreateFn fn) noexcept {
   g_create.store(fn, std::memory_order_release);
 }
 
-void ReleaseUnusedStack() noexcept {
-  pthread_attr_t attr;
-  if (pthread_getattr_np(pthread_self(), &attr) != 0) return;
-  void* base = nullptr;
-  size_t size = 0;
-  if (pthread_attr_getstack(&attr, &base, &size) == 0 && base != nullptr) {
-    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto low = reinterpret_cast<uintptr_t>(base);
-    // Two pages of margin below this frame: what runs after the call (the return, the thread's
-    // exit) grows the stack a little again.
-    char here = 0;
-    const uintptr_t high = (reinterpret_cast<uintptr_t>(&here) - 2 * page) & ~(page - 1);
-    if (high > low) madvise(base, high - low, MADV_DONTNEED);
+namespace {
+
+// Threads that own their work (connection workers, one-off checks) run on stacks the library
+// maps itself and unmaps once the thread is gone. The C library would keep the stacks of ended
+// threads for reuse (about forty megabytes' worth), each with every page its thread touched:
+// after a burst of a thousand connections that is megabytes that never come back. Such a thread
+// cannot unmap its own stack, so each one, as it ends, joins and unmaps the ones that ended
+// before it, and every start does the same. The last of a burst, when others ended alongside
+// it, hands that to a short-lived thread: nothing may start or end for a long time after.
+constexpr size_t kOwnStackBytes = 0x28000;  // 160 KiB: a request record lives on it too
+
+struct OwnStack {
+  void* (*routine)(void*);
+  void* arg;
+  pthread_t thread;
+  void* mapping;
+  size_t mapping_size;
+  OwnStack* next;  // in the list of ended threads
+};
+
+std::atomic<OwnStack*> g_ended{nullptr};
+std::atomic<int32_t> g_ended_count{0};  // in g_ended, or taken from it and not yet unmapped
+std::atomic<int32_t> g_running{0};      // started and not yet in g_ended
+constexpr size_t kReaperStackBytes = 0x10000;
+// Stacks kept for the next threads, with their pages: connections that come one after another
+// (one request each, as many renderers make them) then cost no mapping, no faults and no
+// unmapping, whose flush of the other cores' address caches is the dearest part.
+constexpr size_t kCachedStacks = 4;
+std::atomic<OwnStack*> g_cached[kCachedStacks] = {};
+
+bool CacheStack(OwnStack* own) noexcept {
+  for (std::atomic<OwnStack*>& slot : g_cached) {
+    OwnStack* empty = nullptr;
+    if (slot.compare_exchange_strong(empty, own, std::memory_order_release,
+                                     std::memory_order_relaxed)) {
+      return true;
+    }
   }
+  return false;
+}
+
+OwnStack* TakeCachedStack() noexcept {
+  for (std::atomic<OwnStack*>& slot : g_cached) {
+    if (slot.load(std::memory_order_relaxed) == nullptr) continue;
+    OwnStack* own = slot.exchange(nullptr, std::memory_order_acquire);
+    if (own != nullptr) return own;
+  }
+  return nullptr;
+}
+
+size_t PageSize() noexcept { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+
+// The mapping: a guard page, the stack proper, then a page for the record above the stack's
+// top, where a stack that overflows downwards cannot reach it.
+OwnStack* MapOwnStack() noexcept {
+  if (OwnStack* cached = TakeCachedStack()) {
+    void* const mapping = cached->mapping;
+    const size_t size = cached->mapping_size;
+    *cached = OwnStack{};
+    cached->mapping = mapping;
+    cached->mapping_size = size;
+    return cached;
+  }
+  const size_t page = PageSize();
+  const size_t size = 2 * page + kOwnStackBytes;
+  void* mapping =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  if (mapping == MAP_FAILED) return nullptr;
+  if (mprotect(mapping, page, PROT_NONE) != 0) {
+    munmap(mapping, size);
+    return nullptr;
+  }
+  auto* own = reinterpret_cast<OwnStack*>(static_cast<char*>(mapping) + page + kOwnStackBytes);
+  *own = OwnStack{};
+  own->mapping = mapping;
+  own->mapping_size = size;
+  return own;
+}
+
+void ReapEnded() noexcept {
+  OwnStack* ended = g_ended.exchange(nullptr, std::memory_order_acquire);
+  while (ended != nullptr) {
+    OwnStack* next = ended->next;
+    // It has nothing left to do but leave: the join waits for that, then its stack is free.
+    pthread_join(ended->thread, nullptr);
+    if (!CacheStack(ended)) munmap(ended->mapping, ended->mapping_size);
+    g_ended_count.fetch_sub(1, std::memory_order_relaxed);
+    ended = next;
+  }
+}
+
+void* ReaperMain(void*) noexcept {
+  ReapEnded();
+  return nullptr;
+}
+
+// A plain detached thread: its small stack is the C library's to keep.
+void StartReaper() noexcept {
+  pthread_attr_t attr;
+  if (pthread_attr_init(&attr) != 0) return;
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attr, kReaperStackBytes);
+  pthread_t thread = 0;
+  CreateThread(&thread, &attr, ReaperMain, nullptr);  // failing, the next start reaps instead
   pthread_attr_destroy(&attr);
 }
 
+void* OwnStackMain(void* arg) noexcept {
+  auto* own = static_cast<OwnStack*>(arg);
+  own->thread = pthread_self();  // the reaper's handle; the creator's copy may come too late
+  own->routine(own->arg);
+  ReapEnded();
+  // From here on this thread touches its stack only on its way out, which the join awaits.
+  g_ended_count.fetch_add(1, std::memory_order_relaxed);
+  OwnStack* head = g_ended.load(std::memory_order_relaxed);
+  do {
+    own->next = head;
+  } while (!g_ended.compare_exchange_weak(head, own, std::memory_order_release,
+                                          std::memory_order_relaxed));
+  // One thread ending alone (connections one after another) leaves its stack to the next start.
+  if (g_running.fetch_sub(1) == 1 && g_ended_count.load(std::memory_order_relaxed) > 1) {
+    StartReaper();
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept {
+  ReapEnded();
+  OwnStack* own = MapOwnStack();
+  if (own == nullptr) return false;
+  own->routine = routine;
+  own->arg = arg;
   pthread_attr_t attr;
-  if (pthread_attr_init(&attr) != 0) return false;
-  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  pthread_attr_setstacksize(&attr, kThreadStackBytes);
+  if (pthread_attr_init(&attr) != 0) {
+    munmap(own->mapping, own->mapping_size);
+    return false;
+  }
+  const size_t page = PageSize();
+  pthread_attr_setstack(&attr, static_cast<char*>(own->mapping) + page, kOwnStackBytes);
+  // The thread may end and be reaped before CreateThread returns: the record is not touched
+  // after a start that succeeded.
   pthread_t thread = 0;
-  const int rc = CreateThread(&thread, &attr, routine, arg);
+  g_running.fetch_add(1);
+  int rc = CreateThread(&thread, &attr, OwnStackMain, own);
+  if (rc == EAGAIN) {  // threads are short for a moment: one more try, as every starter does
+    Sleep(kRetryPauseMs);
+    rc = CreateThread(&thread, &attr, OwnStackMain, own);
+  }
   pthread_attr_destroy(&attr);
+  if (rc != 0) {
+    g_running.fetch_sub(1);
+    munmap(own->mapping, own->mapping_size);
+  }
   return rc == 0;
 }
+
+void ReapEndedThreadsForTesting() noexcept { ReapEnded(); }
 
 pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level) noexcept {
   pthread_attr_t attr;
