@@ -256,6 +256,7 @@ TEST_F(HttpWire, OversizedHeadsAreCutServedAndSkipped) {
 
 TEST_F(HttpWire, BadPeersNeverStopTheServer) {
   upnp_http_register_handler(Echo<'G', 0>, HTTP_METHOD_GET, "/", 0, 1);
+  upnp_http_register_handler(Echo<'B', 0>, HTTP_METHOD_POST, "/body", 1, 1);
   StartServer();
   // An unfinished head holds its worker; others are served meanwhile.
   ASSERT_TRUE(peer_.Send("GET /held HTTP/1.1\r\nHost: x\r\n"));
@@ -275,12 +276,22 @@ TEST_F(HttpWire, BadPeersNeverStopTheServer) {
     peer.ShutdownWrite();
     EXPECT_TRUE(peer.WaitClosed()) << "input of " << input.size() << " bytes";
   }
-  for (int i = 0; i < 3; ++i) {  // resets in the middle of a head and of a body
-    HttpPeer peer;
-    ASSERT_TRUE(peer.Connect(record_.http_port));
-    peer.Send(i == 0 ? "GET /r HTTP/1.1\r\nHo" : "POST / HTTP/1.1\r\nContent-Length: 99\r\n\r\nab");
-    peer.Reset();
+  // Resets in the middle of a head, of a body, of a chunk and of a chunk's size line, sixteen
+  // of each at once: every worker ends, and nothing of theirs stays allocated (the fixture).
+  const char* const cut[] = {
+      "GET /r HTTP/1.1\r\nHo", "POST /body HTTP/1.1\r\nContent-Length: 99\r\n\r\nab",
+      "POST /body HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n10\r\nabc",
+      "POST /body HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nabcd\r\n1"};
+  std::vector<HttpPeer> peers(4 * 16);
+  for (size_t i = 0; i < peers.size(); ++i) {
+    ASSERT_TRUE(peers[i].Connect(record_.http_port));
+    peers[i].Send(cut[i % 4]);
   }
+  ASSERT_TRUE(WaitFor([&] { return tw::http::LiveConnectionWorkers() == 1 + 64; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into their reads
+  for (HttpPeer& peer : peers) peer.Reset();
+  EXPECT_TRUE(WaitFor([] { return tw::http::LiveConnectionWorkers() == 1; }))
+      << tw::http::LiveConnectionWorkers() - 1 << " workers of reset peers left";
   EXPECT_EQ(AskOnce("GET /fine HTTP/1.1\r\n\r\n")["url"], "/fine");
   EXPECT_EQ(Echoed("\r\n")["url"], "/held");
 }
