@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * Media files: file utilities, multi-part media files and the buffered binary and bit reader.
+ * Media files: file utilities, multi-part media files, the buffered binary and bit reader, and
+ * playlists.
  *
  * Conventions of this family:
  *  - Paths accept both "/" and "\\" as separators (and "x:" drive prefixes where noted).
@@ -158,6 +159,87 @@ TW_API uint32_t upnp_file_read_bit(upnp_file_b* reader) TW_NOEXCEPT;
  * from the top of the word; otherwise the value is built bit by bit with upnp_file_read_bit and
  * comes out doubled, v * 2: both are defined behaviour. 0 for null. */
 TW_API uint32_t upnp_file_read_nbits(upnp_file_b* reader, uint32_t n) TW_NOEXCEPT;
+
+/* ---- Playlists --------------------------------------------------------------------------- */
+/*
+ * Reading takes the playlist files users keep next to their music: WPL (also Zune's .zpl, the
+ * same format), M3U and extended M3U (.m3u, .m3u8) and PLS. Writing gives WPL or extended M3U.
+ *
+ * Reading is forgiving and never fails on a bad entry. Texts become UTF-8 whatever the file
+ * holds: a UTF-8 or UTF-16 byte order mark is honoured, and other bytes that are not UTF-8 are
+ * taken as Latin-1 (which is what a Windows .m3u holds). CR LF, CR and LF all end lines; a line
+ * longer than UPNP_PLAYLIST_MAX_LINE bytes is cut there. Each entry keeps its source as written
+ * and says where it leads:
+ *  - a URL other than file: ("http://...") stays a URL;
+ *  - everything else is a local path: file: URLs are decoded, "\" separators become "/", and a
+ *    relative path is taken from the playlist's folder, with "." and ".." folded. A path that
+ *    does not lead to a regular file (a drive letter, an absolute path of another machine) is
+ *    tried once more by its last components below the playlist's folder ("C:\Music\A\t.mp3"
+ *    finds "A/t.mp3" or "t.mp3" there), else kept and marked missing.
+ * Files above UPNP_PLAYLIST_MAX_FILE bytes are not read; entries past UPNP_PLAYLIST_MAX_ENTRIES
+ * are dropped. Records come from the accounted allocator and go with upnp_playlist_free.
+ */
+#define UPNP_PLAYLIST_MAX_FILE (16u * 1024u * 1024u)
+#define UPNP_PLAYLIST_MAX_LINE 4096u
+#define UPNP_PLAYLIST_MAX_ENTRIES 65536u
+
+/* Formats. UNKNOWN asks the reader to tell by the content. */
+#define UPNP_PLAYLIST_UNKNOWN 0
+#define UPNP_PLAYLIST_WPL 1
+#define UPNP_PLAYLIST_M3U 2
+#define UPNP_PLAYLIST_PLS 3
+
+/* Where an entry leads. */
+#define UPNP_PLAYLIST_ENTRY_FILE 0    /* location is a regular file */
+#define UPNP_PLAYLIST_ENTRY_MISSING 1 /* a local path that leads to no regular file */
+#define UPNP_PLAYLIST_ENTRY_URL 2     /* location is the URL as written */
+
+typedef struct upnp_playlist_entry {
+  char* src;        /* the entry as written (made UTF-8), never null */
+  char* location;   /* the resolved path ("/"-separated) or the URL, never null */
+  char* title;      /* from #EXTINF or TitleN, else null */
+  int32_t duration; /* seconds from #EXTINF or LengthN; -1 when unknown */
+  int32_t kind;     /* UPNP_PLAYLIST_ENTRY_* */
+} upnp_playlist_entry;
+
+typedef struct upnp_playlist {
+  char* title;                  /* WPL <title> or M3U #PLAYLIST:, else null */
+  int32_t format;               /* the format read (UPNP_PLAYLIST_*), or the one made */
+  uint32_t count;               /* entries, in playlist order */
+  upnp_playlist_entry* entries; /* null when count is 0 */
+} upnp_playlist;
+
+/* Reads the playlist file at path; its format is told by the extension (.wpl, .zpl, .m3u,
+ * .m3u8, .pls), else by the content. Null for a null path, a file that cannot be read or is too
+ * large, or a memory shortage; a file without entries gives a record with count 0. */
+TW_API upnp_playlist* upnp_playlist_read(const char* path) TW_NOEXCEPT;
+/* The same from length bytes of text (NUL bytes count as line ends) in format (UNKNOWN: by the
+ * content); relative entries are taken from base_dir, or from the current directory when it is
+ * null. Null for null text or a memory shortage. */
+TW_API upnp_playlist* upnp_playlist_parse(const char* text, uint32_t length, int32_t format,
+                                          const char* base_dir) TW_NOEXCEPT;
+/* An empty playlist to fill with upnp_playlist_add_entry; title may be null. Its format is
+ * UPNP_PLAYLIST_UNKNOWN. Null when memory is short. */
+TW_API upnp_playlist* upnp_playlist_new(const char* title) TW_NOEXCEPT;
+/* Appends an entry whose src is written as given (title may be null, duration -1 for unknown);
+ * its location is src, its kind URL or FILE by the text alone. 0, or -1 for a null or empty src,
+ * a full playlist or a memory shortage (the playlist is then unchanged). */
+TW_API int32_t upnp_playlist_add_entry(upnp_playlist* list, const char* src, const char* title,
+                                       int32_t duration) TW_NOEXCEPT;
+/* The playlist as WPL: an XML declaration and a wpl instruction, then smil with head (a
+ * Generator meta and the title) and body/seq with one media element per entry, its src escaped
+ * by the XML writer. As extended M3U: "#EXTM3U", "#PLAYLIST:" with the title, and per entry an
+ * "#EXTINF:" line when it has a title or duration, then its src; line breaks inside texts become
+ * blanks. UTF-8 either way. Free with upnp_string_free; null for null or a memory shortage. */
+TW_API upnp_string* upnp_playlist_to_wpl(const upnp_playlist* list) TW_NOEXCEPT;
+TW_API upnp_string* upnp_playlist_to_m3u(const upnp_playlist* list) TW_NOEXCEPT;
+/* Writes the playlist to path in format (WPL or M3U) through a file beside it that then
+ * replaces path, so a failed write leaves the old file. 0, or -1 (null arguments, another
+ * format, a write that failed). */
+TW_API int32_t upnp_playlist_write(const upnp_playlist* list, const char* path,
+                                   int32_t format) TW_NOEXCEPT;
+/* Frees the record, its entries and their texts; null is ignored. */
+TW_API void upnp_playlist_free(upnp_playlist* list) TW_NOEXCEPT;
 
 TW_EXTERN_C_END
 
