@@ -129,6 +129,7 @@ upnp_xml_node* ObjectNode(const Object& object, const ClientContext& client, con
   if (node == nullptr) return nullptr;
   AddAttribute(node, "id", object.id);
   AddAttribute(node, "parentID", object.parent_id);
+  if (!object.ref_id.empty()) AddAttribute(node, "refID", object.ref_id);
   AddAttribute(node, "restricted", "1");
   if (object.container) {
     if (filter.Wants("container@childCount")) {
@@ -178,7 +179,10 @@ upnp_xml_node* ObjectNode(const Object& object, const ClientContext& client, con
 }  // namespace
 
 const char* UpnpClassOf(const Object& object) {
-  if (object.container) return "object.container.storageFolder";
+  if (object.container) {
+    return object.playlist ? "object.container.playlistContainer"
+                           : "object.container.storageFolder";
+  }
   switch (object.media.kind) {
     case MediaKind::kAudio:
       return "object.item.audioItem.musicTrack";
@@ -234,7 +238,7 @@ std::string ResourcePathOf(const Object& item) {
   // nothing else in the path may contain "-PN", "-OP", "-CI" or "-FLAGS", hence the plain last
   // segment that only carries the extension for players that look at it.
   const DlnaParameters dlna = DlnaParametersOf(item);
-  std::string path = kMediaPrefix + item.id;
+  std::string path = kMediaPrefix + (item.ref_id.empty() ? item.id : item.ref_id);
   if (!dlna.profile.empty()) path += "-PN" + dlna.profile;
   path += "-OP" + dlna.op + "-CI0-FLAGS" + dlna.flags + "/item";
   const char* extension = HTTP_get_extension(item.path.c_str());

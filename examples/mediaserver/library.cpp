@@ -22,6 +22,8 @@ namespace {
 constexpr size_t kMaxDepth = 32;             // deeper folders are not shown
 constexpr size_t kMaxFoldersWatched = 4096;  // CheckForChanges looks at no more than these
 constexpr size_t kMaxCachedProbes = 20000;   // the caches start over beyond this
+constexpr size_t kMaxCachedPlaylists = 256;
+constexpr char kPlaylistSeparator = '.';  // between a playlist's ID and an entry's position
 
 struct Shared {
   std::mutex mutex;
@@ -39,6 +41,15 @@ struct Shared {
   // IDs a listing has handed out since the tree last changed: a control point fetches and
   // seeks what it browsed, and these need no walk through the listings (see FindObject).
   std::unordered_set<std::string> listed;
+  // The entries of a playlist file that are items of the folder: (position in the file, item
+  // ID), for a size, modification time and tree generation of the file.
+  struct PlaylistItems {
+    uint64_t size;
+    int64_t modified;
+    uint32_t update_id;
+    std::vector<std::pair<uint32_t, std::string>> items;
+  };
+  std::map<std::string, PlaylistItems> playlists;
 };
 
 Shared& State() {
@@ -47,6 +58,21 @@ Shared& State() {
 }
 
 bool IsShownItem(const char* mime_type) { return KindOfMimeType(mime_type) != MediaKind::kOther; }
+
+bool IsPlaylistName(const std::string& name) {
+  const size_t dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0) return false;
+  const char* extension = name.c_str() + dot + 1;
+  for (const char* known : {"wpl", "zpl", "m3u", "m3u8", "pls"}) {
+    if (strcasecmp(extension, known) == 0) return true;
+  }
+  return false;
+}
+
+bool IsShownFile(const std::string& name) {
+  return IsPlaylistName(name) ||
+         IsShownItem(HTTP_get_mime_type(nullptr, HTTP_get_extension(name.c_str())));
+}
 
 // The header facts of an item, probed once per size and modification time.
 MediaInfo CachedProbe(const std::string& path, int64_t size, int64_t modified,
@@ -97,6 +123,12 @@ bool MakeObject(const std::string& directory, const std::string& relative, const
   if (is_dir) {
     if ((info.mode & UPNP_S_IFMT) != UPNP_S_IFDIR) return false;
     object.container = true;
+  } else if (IsPlaylistName(name)) {
+    if ((info.mode & UPNP_S_IFMT) != UPNP_S_IFREG) return false;
+    object.container = true;
+    object.playlist = true;
+    object.title = name.substr(0, name.rfind('.'));
+    object.size = static_cast<int64_t>(info.size);
   } else {
     if ((info.mode & UPNP_S_IFMT) != UPNP_S_IFREG) return false;
     object.mime_type = HTTP_get_mime_type(nullptr, HTTP_get_extension(name.c_str()));
@@ -139,15 +171,17 @@ size_t Depth(const std::string& relative) {
              : static_cast<size_t>(std::count(relative.begin(), relative.end(), '/')) + 1;
 }
 
+std::vector<std::pair<uint32_t, std::string>> PlaylistItemsOf(const Object& playlist);
+
 void CountChildren(Object* container, const std::string& relative) {
+  if (container->playlist) {
+    container->child_count = static_cast<int32_t>(PlaylistItemsOf(*container).size());
+    return;
+  }
   int32_t count = 0;
   if (Depth(relative) < kMaxDepth) {
     for (const Entry& entry : ReadDirectory(container->path)) {
-      if (entry.is_dir) {
-        ++count;
-      } else if (IsShownItem(HTTP_get_mime_type(nullptr, HTTP_get_extension(entry.name.c_str())))) {
-        ++count;
-      }
+      if (entry.is_dir || IsShownFile(entry.name)) ++count;
     }
   }
   container->child_count = count;
@@ -206,6 +240,34 @@ bool MakeListedObject(const std::string& folder, const std::string& relative, co
                     relative.substr(slash + 1), is_dir, IdOfRelativePath(parent), out, &info);
 }
 
+// An item as an entry of a playlist: its own ID at the playlist's position, the item's as refID.
+Object EntryOf(const Object& playlist, uint32_t position, Object item) {
+  item.ref_id = std::move(item.id);
+  item.id = playlist.id + kPlaylistSeparator + std::to_string(position);
+  item.parent_id = playlist.id;
+  return item;
+}
+
+bool FindPlaylistEntry(const std::string& playlist_id, const std::string& position_text,
+                       Object* out) {
+  if (position_text.empty() || position_text.size() > 9 ||
+      position_text.find_first_not_of("0123456789") != std::string::npos ||
+      (position_text.size() > 1 && position_text[0] == '0')) {
+    return false;  // one spelling per object
+  }
+  const auto position = static_cast<uint32_t>(std::stoul(position_text));
+  Object playlist;
+  if (!FindObject(playlist_id, &playlist, false) || !playlist.playlist) return false;
+  for (const auto& [at, item_id] : PlaylistItemsOf(playlist)) {
+    if (at != position) continue;
+    Object item;
+    if (!FindObject(item_id, &item, false) || item.container) return false;
+    *out = EntryOf(playlist, position, std::move(item));
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 void SetSharedFolder(const std::string& folder, const std::string& root_title) {
@@ -217,6 +279,7 @@ void SetSharedFolder(const std::string& folder, const std::string& root_title) {
   state.root_title = root_title;
   state.probes.clear();
   state.listed.clear();
+  state.playlists.clear();
   state.signature_taken = false;
 }
 
@@ -264,6 +327,9 @@ bool RelativePathOfId(const std::string& id, std::string* relative) {
 }
 
 bool FindObject(const std::string& id, Object* out, bool count_children) {
+  if (const size_t separator = id.find(kPlaylistSeparator); separator != std::string::npos) {
+    return FindPlaylistEntry(id.substr(0, separator), id.substr(separator + 1), out);
+  }
   std::string relative;
   if (!RelativePathOfId(id, &relative)) return false;
   const std::string folder = Folder();
@@ -347,6 +413,15 @@ bool ItemOfStatus(const std::string& id, const upnp_stat& info, Object* out) {
 bool ListChildren(const Object& container, std::vector<Object>* out) {
   out->clear();
   if (!container.container) return false;
+  if (container.playlist) {
+    for (const auto& [position, item_id] : PlaylistItemsOf(container)) {
+      Object item;
+      if (FindObject(item_id, &item, false) && !item.container) {
+        out->push_back(EntryOf(container, position, std::move(item)));
+      }
+    }
+    return true;
+  }
   std::string relative;
   if (!RelativePathOfId(container.id, &relative)) return false;
   if (Depth(relative) >= kMaxDepth) return true;
@@ -371,9 +446,10 @@ void ListItemsBelow(const Object& container, size_t limit, std::vector<Object>* 
     pending.pop_back();
     std::vector<Object> children;
     if (!ListChildren(folder, &children)) continue;
-    // Sub-folders are visited in name order: pushed in reverse.
+    // Sub-folders are visited in name order: pushed in reverse. Playlists only refer to items
+    // found in their folders anyway.
     for (auto it = children.rbegin(); it != children.rend(); ++it) {
-      if (it->container) pending.push_back(*it);
+      if (it->container && !it->playlist) pending.push_back(*it);
     }
     for (Object& child : children) {
       if (child.container) continue;
@@ -405,5 +481,88 @@ bool CheckForChanges() {
   ++state.update_id;
   return true;
 }
+
+namespace {
+
+// "." and ".." folded as text; ".." above a relative start is kept.
+std::string Lexical(const std::string& path) {
+  const bool absolute = !path.empty() && path[0] == '/';
+  std::vector<std::string> parts;
+  size_t start = 0;
+  while (start <= path.size()) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    const std::string part = path.substr(start, end - start);
+    start = end + 1;
+    if (part.empty() || part == ".") continue;
+    if (part == ".." && !parts.empty() && parts.back() != "..") {
+      parts.pop_back();
+    } else if (part != ".." || !absolute) {
+      parts.push_back(part);
+    }
+  }
+  std::string out = absolute ? "/" : "";
+  for (size_t i = 0; i < parts.size(); ++i) out += (i > 0 ? "/" : "") + parts[i];
+  return out.empty() ? "." : out;
+}
+
+// The path of location relative to the shared folder, when it lies inside it.
+bool RelativeInside(const std::string& folder, const std::string& location, std::string* relative) {
+  const std::string root = Lexical(folder);
+  const std::string path = Lexical(location);
+  if (root == ".") {
+    if (path[0] == '/' || path == ".." || path.compare(0, 3, "../") == 0) return false;
+    *relative = path;
+  } else if (root == "/") {
+    *relative = path.substr(1);
+  } else {
+    if (path.size() <= root.size() + 1 || path.compare(0, root.size(), root) != 0 ||
+        path[root.size()] != '/') {
+      return false;
+    }
+    *relative = path.substr(root.size() + 1);
+  }
+  return !relative->empty() && *relative != ".";
+}
+
+// The entries of a playlist that are items of the folder. Each is resolved like any ID, through
+// the listings, so an entry that leaves the folder, names a hidden file or passes a link leads
+// nowhere. Kept per playlist until the file or the tree changes.
+std::vector<std::pair<uint32_t, std::string>> PlaylistItemsOf(const Object& playlist) {
+  upnp_stat info{};
+  if (upnp_file_stat(playlist.path.c_str(), &info) != 0) return {};
+  const uint32_t update_id = SystemUpdateId();
+  Shared& state = State();
+  {
+    std::lock_guard<std::mutex> lock(state.mutex);
+    const auto found = state.playlists.find(playlist.path);
+    if (found != state.playlists.end() && found->second.size == info.size &&
+        found->second.modified == info.mtime && found->second.update_id == update_id) {
+      return found->second.items;
+    }
+  }
+  std::vector<std::pair<uint32_t, std::string>> items;
+  std::vector<Object> resolved;
+  const std::string folder = Folder();
+  if (upnp_playlist* list = upnp_playlist_read(playlist.path.c_str())) {
+    for (uint32_t i = 0; i < list->count; ++i) {
+      std::string relative;
+      Object item;
+      if (list->entries[i].kind == UPNP_PLAYLIST_ENTRY_FILE &&
+          RelativeInside(folder, list->entries[i].location, &relative) &&
+          FindObject(IdOfRelativePath(relative), &item, false) && !item.container) {
+        items.emplace_back(i, item.id);
+        resolved.push_back(std::move(item));
+      }
+    }
+    upnp_playlist_free(list);
+  }
+  RememberListed(resolved);  // resolved through the listings: their next look is a status read
+  std::lock_guard<std::mutex> lock(state.mutex);
+  if (state.playlists.size() >= kMaxCachedPlaylists) state.playlists.clear();
+  state.playlists[playlist.path] = Shared::PlaylistItems{info.size, info.mtime, update_id, items};
+  return items;
+}
+
+}  // namespace
 
 }  // namespace mediaserver

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shared folder seen as ContentDirectory objects. Folders are containers, media files
-// (audio, video, pictures) items; hidden entries and other files are not shown.
+// (audio, video, pictures) items, and playlist files (.wpl, .zpl, .m3u, .m3u8, .pls) playlist
+// containers whose children are their entries that are items of the folder, in playlist order;
+// hidden entries and other files are not shown.
 //
 // Object IDs: "0" is the shared folder itself; every other object's ID is the lower-case hex
 // of its path relative to the folder ("Music/a.mp3" is "4d757369632f612e6d7033"). IDs are
@@ -8,7 +10,9 @@
 // or the DLNA markers of resource URLs, and are checked component by component when resolved:
 // "..", ".", empty components, NUL and backslashes are refused, and each component must be an
 // entry a listing shows (an ID a listing handed out since the tree last changed is taken as
-// shown), so no ID names a file outside the folder.
+// shown), so no ID names a file outside the folder. An entry of a playlist has the ID of the
+// playlist, a '.' and the entry's position in the playlist file ("<hex>.3"), and refers to the
+// item itself (refID); its resource is the item's.
 #pragma once
 
 #include <cstdint>
@@ -35,6 +39,8 @@ struct Object {
   int32_t child_count = 0;          // containers: the objects ListChildren gives
   const char* mime_type = nullptr;  // items: from the library's MIME table (static text)
   MediaInfo media;                  // items: what the header says (cached)
+  bool playlist = false;            // containers: a playlist file
+  std::string ref_id;               // entries of a playlist: the ID of the item itself
 };
 
 // Sets the shared folder (before the servers start).

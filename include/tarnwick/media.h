@@ -165,8 +165,8 @@ TW_API uint32_t upnp_file_read_nbits(upnp_file_b* reader, uint32_t n) TW_NOEXCEP
  * Reading takes the playlist files users keep next to their music: WPL (also Zune's .zpl, the
  * same format), M3U and extended M3U (.m3u, .m3u8) and PLS. Writing gives WPL or extended M3U.
  *
- * Reading is forgiving and never fails on a bad entry. Texts become UTF-8 whatever the file
- * holds: a UTF-8 or UTF-16 byte order mark is honoured, and other bytes that are not UTF-8 are
+ * Reading is forgiving and never fails on a bad entry. Texts become valid UTF-8 whatever the
+ * file holds: a UTF-8 or UTF-16 byte order mark is honoured, and a file that is not UTF-8 is
  * taken as Latin-1 (which is what a Windows .m3u holds). CR LF, CR and LF all end lines; a line
  * longer than UPNP_PLAYLIST_MAX_LINE bytes is cut there. Each entry keeps its source as written
  * and says where it leads:

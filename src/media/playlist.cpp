@@ -57,10 +57,38 @@ string_view Trim(string_view s) noexcept {
 
 String ToString(string_view s) { return String(s.data(), s.size()); }
 
-// Makes sure a text is UTF-8: bytes that do not form UTF-8 are taken as Latin-1.
+// Strictly UTF-8: at most four bytes a character, no overlong forms, no surrogates.
+bool ValidUtf8(string_view text) noexcept {
+  size_t i = 0;
+  while (i < text.size()) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    }
+    const size_t length = lead >= 0xC2 && lead <= 0xDF   ? 2
+                          : lead >= 0xE0 && lead <= 0xEF ? 3
+                          : lead >= 0xF0 && lead <= 0xF4 ? 4
+                                                         : 0;
+    if (length == 0 || i + length > text.size()) return false;
+    const auto second = static_cast<unsigned char>(text[i + 1]);
+    const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    if (second < low || second > high) return false;
+    for (size_t k = 2; k < length; ++k) {
+      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
+// A text that is not UTF-8 is Latin-1 (what a Windows playlist holds), converted whole: one
+// wrong byte in a UTF-8 file costs its accents, never an invalid text.
 String AsUtf8(const char* text) {
   if (text == nullptr || text[0] == '\0') return String();
-  CPtr utf8(upnp_strdup_to_utf8(text));
+  if (ValidUtf8(text)) return String(text);
+  CPtr utf8(upnp_util_convert_enhanced_ascii_to_utf8(text));
   if (utf8 == nullptr) throw std::bad_alloc();
   return String(utf8.get());
 }
@@ -85,7 +113,7 @@ String DecodeText(string_view raw) {
     units.push_back(0);
     CPtr utf8(upnp_string_utf16_to_utf8(units.data()));
     if (utf8 == nullptr) throw std::bad_alloc();
-    return String(utf8.get());
+    return AsUtf8(utf8.get());  // lone surrogates come out as bytes that are not UTF-8
   }
   if (raw.size() >= 3 && byte(0) == 0xEF && byte(1) == 0xBB && byte(2) == 0xBF)
     raw.remove_prefix(3);
@@ -251,8 +279,58 @@ void CollectMedia(const upnp_xml_node* node, Parsed* out) {
   }
 }
 
+void AppendUtf8(uint32_t code, String* out) {
+  if (code < 0x800) {
+    *out += static_cast<char>(0xC0 | (code >> 6));
+  } else {
+    if (code < 0x10000) {
+      *out += static_cast<char>(0xE0 | (code >> 12));
+    } else {
+      *out += static_cast<char>(0xF0 | (code >> 18));
+      *out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+    }
+    *out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+  }
+  *out += static_cast<char>(0x80 | (code & 0x3F));
+}
+
+// "&#233;" and "&#xE9;" beyond ASCII become the character's UTF-8 bytes before parsing, since
+// the parser keeps one byte of a reference. ASCII ones (an escaped '&' or quote) stay for it.
+String ExpandCharacterReferences(string_view text) {
+  String out;
+  out.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size()) {
+    const size_t amp = text.find("&#", i);
+    if (amp == string_view::npos) break;
+    out.append(text.data() + i, amp - i);
+    i = amp;
+    const bool hex = amp + 2 < text.size() && (text[amp + 2] == 'x' || text[amp + 2] == 'X');
+    size_t p = amp + (hex ? 3 : 2);
+    uint32_t code = 0;
+    size_t digits = 0;
+    for (; p < text.size() && digits < 8; ++p, ++digits) {
+      const int value = hex ? HexDigitValue(static_cast<unsigned char>(text[p]))
+                            : (IsDigit(static_cast<unsigned char>(text[p])) ? text[p] - '0' : -1);
+      if (value < 0) break;
+      code = code * (hex ? 16 : 10) + static_cast<uint32_t>(value);
+    }
+    const bool usable = digits > 0 && p < text.size() && text[p] == ';' && code >= 0x80 &&
+                        code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
+    if (!usable) {
+      out += '&';
+      ++i;
+      continue;
+    }
+    AppendUtf8(code, &out);
+    i = p + 1;
+  }
+  out.append(text.data() + i, text.size() - i);
+  return out;
+}
+
 void ParseWpl(string_view text, Parsed* out) {
-  const String copy = ToString(text);
+  const String copy = ExpandCharacterReferences(text);
   const std::unique_ptr<upnp_xml_node, TreeDeleter> root(upnp_xml_parse(copy.c_str()));
   if (root == nullptr) return;
   if (const upnp_xml_node* head = FindElement(root.get(), "head")) {

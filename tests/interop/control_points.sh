@@ -3,7 +3,9 @@
 # Control points this project did not write against a media server on loopback: GUPnP's (through
 # Python, tests/interop/cp_gupnp.py) and node-ssdp with upnp-device-client (cp_node.js). Each
 # discovers the server, browses down to a generated track whose name needs escaping, fetches its
-# first bytes with a Range request and compares them with the file.
+# first bytes with a Range request and compares them with the file. Against tarnwick, GUPnP then
+# finds the same track as an entry of a playlist container (a .m3u8 file at the top of the share)
+# and fetches and compares it again.
 #
 #   sh tests/interop/control_points.sh tarnwick|minidlna BUILD_DIR
 #
@@ -55,6 +57,10 @@ sh "$here/make_media.sh" "$share/$folder" > "$work/media.out" 2>&1 ||
   fail_start "could not write the media files: $(cat "$work/media.out")"
 track=$(cat "$work/media.out")
 expect="$folder/$track"
+# A playlist beside the folder: one entry that cannot be found, then the track.
+printf '#EXTM3U\n#EXTINF:-1,gone\nnowhere.mp3\n%s\n' "$expect" > "$share/Favourites.m3u8"
+playlist_arg=""
+[ "$kind" = tarnwick ] && playlist_arg="--playlist Favourites"
 echo "shared folder:"
 (cd "$share" && find . -type f -exec ls -l {} + | awk '{ $1=$2=$3=$4=$6=$7=$8=""; print }' | sed 's/^ *//')
 
@@ -151,8 +157,9 @@ if ! wanted gupnp; then
   echo "gupnp: not asked for (TW_INTEROP_CLIENTS)" >> "$summary"
 elif /usr/bin/python3 -c 'import gi; gi.require_version("GUPnP", "1.6"); gi.require_version("GUPnPAV", "1.0")' \
   > /dev/null 2>&1; then
+  # shellcheck disable=SC2086 # the playlist argument is two words or none
   run_client gupnp /usr/bin/python3 "$here/cp_gupnp.py" --udn "$udn" --expect "$expect" \
-    --timeout 20 --folder
+    --timeout 20 $playlist_arg --folder
 else
   echo "gupnp: SKIP (no GUPnP 1.6 / GUPnP-AV for /usr/bin/python3)" >> "$summary"
 fi

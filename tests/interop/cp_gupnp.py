@@ -4,13 +4,17 @@
 GUPnP-AV's DIDL-Lite parser). Run it inside the loopback-only namespace:
 
     cp_gupnp.py (--udn UUID | --location URL) --folder DIR --expect REL [--bytes N] [--timeout S]
+                [--playlist TITLE]
 
 It discovers urn:schemas-upnp-org:device:MediaServer:1 on lo, keeps only the device with the
 given UDN or description URL (other servers may be announcing in the same namespace), reads its
 friendly name, browses the root, descends into containers until an item that stands for the file
 REL of the shared folder DIR turns up (same title as the file's name without extension, or same
 size), fetches the first N bytes of its http-get resource with a Range request and compares them
-with the file on disk. Every step is printed; exit 0 when all passed, 1 with the failing step.
+with the file on disk. With --playlist it then looks for the playlist container of that title at
+the root (class object.container.playlistContainer), browses it, and fetches and compares the
+entry that stands for REL the same way. Every step is printed; exit 0 when all passed, 1 with the
+failing step.
 """
 import argparse
 import os
@@ -209,6 +213,33 @@ def run(args):
     say("ContentDirectory control URL %s" % service.get_control_url())
 
     item = find_item(service, args, title, len(content), deadline)
+    fetch_and_compare(item, args, content)
+    if args.playlist:
+        entry = find_in_playlist(service, args.playlist, title, len(content))
+        fetch_and_compare(entry, args, content)
+
+
+def find_in_playlist(service, playlist, title, size):
+    objects, _, _ = browse(service, "0")
+    found = [o for o in objects
+             if isinstance(o, GUPnPAV.DIDLLiteContainer) and o.get_title() == playlist]
+    if not found:
+        raise Failed("no container %r at the root" % playlist)
+    say("playlist: " + describe(found[0]))
+    if found[0].get_upnp_class() != "object.container.playlistContainer":
+        raise Failed("%r is not a playlist container" % playlist)
+    entries, returned, total = browse(service, found[0].get_id())
+    say("Browse %s (%s): NumberReturned %d, TotalMatches %d" % (found[0].get_id(), playlist,
+                                                                 returned, total))
+    for entry in entries:
+        say("  %s refID=%s" % (describe(entry), entry.get_ref_id()))
+    entry = matching(entries, title, size)
+    if entry is None:
+        raise Failed("no entry of %r stands for the file" % playlist)
+    return entry
+
+
+def fetch_and_compare(item, args, content):
     res = http_resource(item)
     info = res.get_protocol_info()
     say("item %r: res %s" % (item.get_title(), res.get_uri()))
@@ -239,6 +270,7 @@ def main():
     parser.add_argument("--bytes", type=int, default=4096,
                         help="bytes to fetch (default 4096)")
     parser.add_argument("--timeout", type=float, default=20, help="seconds in all (default 20)")
+    parser.add_argument("--playlist", help="a playlist container at the root holding the file")
     args = parser.parse_args()
 
     # Synchronous SOAP calls and HTTP fetches each have their own bounds; this watchdog holds

@@ -128,7 +128,7 @@ TEST_F(Playlists, M3uAndPlsFormsUsersHave) {
        "url http://radio.example/live|Radio, live|-1\n"
        "file <root>/Music/Café/ü.mp3||183\n"
        "missing <root>/Music/Folder.mp3||-1\n"},
-      {"latin1.m3u", "..\\Music\\Caf\xE9\\\xC3\xBC.mp3\r../Music/Gone.mp3\rnear.mp3", nullptr,
+      {"latin1.m3u", "..\\Music\\Caf\xE9\\\xFC.mp3\r../Music/Gone.mp3\rnear.mp3", nullptr,
        "file <root>/Music/Café/ü.mp3||-1\nmissing <root>/Music/Gone.mp3||-1\n"
        "file <root>/lists/near.mp3||-1\n"},
       {"urls.m3u",
@@ -253,7 +253,7 @@ TEST_F(Playlists, WrittenPlaylistsReadBackTheSame) {
 TEST_F(Playlists, ShortMemoryGivesNullOrTheWholePlaylist) {
   const std::string base = dir_.File("lists");
   const std::string m3u =
-      "#EXTM3U\n#PLAYLIST:T\n#EXTINF:1,a\nnear.mp3\nC:\\x\\Music\\Caf\xE9\\\xC3\xBC.mp3\n"
+      "#EXTM3U\n#PLAYLIST:T\n#EXTINF:1,a\nnear.mp3\nC:\\x\\Music\\Caf\xE9\\\xFC.mp3\n"
       "file:///C:/y/Gone%20Away.mp3\nhttp://h/x\n";
   const std::string pls = "[playlist]\nFile2=near.mp3\nTitle2=b\nFile1=http://h/y\n";
   for (const std::string& text : {m3u, pls}) {

@@ -27,7 +27,7 @@ std::string SoapValue(const std::string& body, const char* name) {
 }
 
 struct DidlObject {
-  std::string id, parent, title, upnp_class, res, protocol_info, duration, child_count;
+  std::string id, parent, title, upnp_class, res, protocol_info, duration, child_count, ref;
 };
 
 // The objects of a Browse or Search answer: Result unescaped by the SOAP parse, then parsed.
@@ -48,7 +48,8 @@ std::vector<DidlObject> Objects(const std::string& body) {
     const upnp_xml_node* res = upnp_xml_find_tag(n->children, "res");
     objects.push_back({attribute(n, "id"), attribute(n, "parentID"), child("dc:title"),
                        child("upnp:class"), child("res"), attribute(res, "protocolInfo"),
-                       attribute(res, "duration"), attribute(n, "childCount")});
+                       attribute(res, "duration"), attribute(n, "childCount"),
+                       attribute(n, "refID")});
   }
   upnp_xml_release(root);
   return objects;
@@ -344,6 +345,81 @@ TEST_F(MediaServerTest, ResourcesStreamWithRangesAndDlnaHeaders) {
         "/media/" + IdOfRelativePath("Music/notes.txt") + "/item.txt"}) {
     EXPECT_EQ(Get(bad).status, 404) << bad;
   }
+}
+
+// Playlist files are playlist containers of their entries that are items of the folder, in
+// the playlist's order; whatever else an entry names (a file outside, through a link, hidden,
+// not media, missing, a URL) is left out.
+class PlaylistTest : public MediaServerTest {
+ protected:
+  std::vector<std::pair<std::string, std::string>> Files() const override {
+    auto files = MediaServerTest::Files();
+    files.emplace_back("Lists/Mix.m3u8",
+                       "#EXTM3U\n#EXTINF:3,B first\n../Music/b.mp3\n../Music/Tone & <one>.mp3\n"
+                       "../Music/notes.txt\n../Music/.hidden.mp3\n../../outside.mp3\n" +
+                           data_.path() +
+                           "/outside.mp3\nhttp://radio.example/x\nmissing.mp3\n"
+                           "../Music/link.mp3\n..\\Video\\c.mp4\nC:\\Users\\x\\Music\\b.mp3\n");
+    files.emplace_back("Lists/Party.wpl",
+                       "<?wpl version=\"1.0\"?><smil><head><title>Party</title></head><body><seq>"
+                       "<media src=\"..\\Pictures\\p.jpg\"/></seq></body></smil>");
+    return files;
+  }
+  void Prepare() override {
+    MediaServerTest::Prepare();
+    WriteFile(data_.path() + "/outside.mp3", "outside");
+    std::filesystem::create_symlink(data_.path() + "/outside.mp3", File("Music/link.mp3"));
+  }
+  std::vector<DidlObject> Browse(const std::string& id, const std::string& flag) {
+    return Objects(Soap("ContentDirectory", "Browse", BrowseArgs(id, flag)).body);
+  }
+};
+
+TEST_F(PlaylistTest, PlaylistsAreContainersOfTheirEntriesInsideTheFolder) {
+  const std::string lists = IdOfRelativePath("Lists");
+  const auto playlists = Browse(lists, "BrowseDirectChildren");
+  ASSERT_EQ(Titles(playlists), "Mix|Party|");
+  const std::string mix = IdOfRelativePath("Lists/Mix.m3u8");
+  EXPECT_EQ(playlists[0].id, mix);
+  EXPECT_EQ(playlists[0].upnp_class, "object.container.playlistContainer");
+  EXPECT_EQ(playlists[0].child_count, "4");
+  EXPECT_EQ(playlists[1].child_count, "1");
+
+  const auto entries = Browse(mix, "BrowseDirectChildren");
+  ASSERT_EQ(Titles(entries), "b|Tone & <one>|c|b|");
+  const auto tracks = Browse(kMusic, "BrowseDirectChildren");
+  ASSERT_EQ(tracks.size(), 2u);
+  const std::vector<std::string> positions = {"0", "1", "9", "10"};
+  for (size_t i = 0; i < entries.size(); ++i) {
+    EXPECT_EQ(entries[i].id, mix + "." + positions[i]);
+    EXPECT_EQ(entries[i].parent, mix);
+  }
+  // An entry refers to the item and streams as the item does.
+  EXPECT_EQ(entries[0].ref, tracks[0].id);
+  EXPECT_EQ(entries[0].res, tracks[0].res);
+  EXPECT_EQ(entries[0].upnp_class, "object.item.audioItem.musicTrack");
+  EXPECT_EQ(Get(entries[1].res.substr(entries[1].res.find("/media/"))).body,
+            ReadFile(File("Music/Tone & <one>.mp3")));
+
+  const auto one = Browse(mix + ".9", "BrowseMetadata");
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_EQ(one[0].title + one[0].parent + one[0].ref, "c" + mix + IdOfRelativePath("Video/c.mp4"));
+  for (const std::string& bad : {mix + ".2", mix + ".4", mix + ".8", mix + ".09", mix + ".",
+                                 kMusic + ".0", mix + ".99999999999"}) {
+    EXPECT_EQ(SoapValue(Soap("ContentDirectory", "Browse", BrowseArgs(bad, "BrowseMetadata")).body,
+                        "errorCode"),
+              "701")
+        << bad;
+  }
+  // Searches find each item once: playlists only refer to items of the folders.
+  const HttpResponse found = Soap("ContentDirectory", "Search",
+                                  {{"ContainerID", "0"},
+                                   {"SearchCriteria", "*"},
+                                   {"Filter", "*"},
+                                   {"StartingIndex", "0"},
+                                   {"RequestedCount", "0"},
+                                   {"SortCriteria", ""}});
+  EXPECT_EQ(Titles(Objects(found.body)), "z|b|Tone & <one>|p|c|");
 }
 
 // A connection keeps its last item open between fetches; a file rewritten or removed meanwhile
