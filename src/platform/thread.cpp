@@ -61,7 +61,7 @@ namespace {
 // cannot unmap its own stack, so each one, as it ends, joins and unmaps the ones that ended
 // before it, and every start does the same. The last of a burst, when others ended alongside
 // it, hands that to a short-lived thread: nothing may start or end for a long time after.
-constexpr size_t kOwnStackBytes = 0x28000;  // 160 KiB: a request record lives on it too
+constexpr size_t kOwnStackBytes = kDetachedStackBytes;
 
 struct OwnStack {
   void* (*routine)(void*);
@@ -159,6 +159,13 @@ void StartReaper() noexcept {
   pthread_attr_destroy(&attr);
 }
 
+// A thread that ended last and alone waits for the next start to be joined. At the process's
+// end nothing starts any more, so it is joined here, and no thread is left unjoined.
+struct JoinEndedAtExit {
+  ~JoinEndedAtExit() { ReapEnded(); }
+};
+JoinEndedAtExit g_join_ended_at_exit;
+
 void* OwnStackMain(void* arg) noexcept {
   auto* own = static_cast<OwnStack*>(arg);
   own->thread = pthread_self();  // the reaper's handle; the creator's copy may come too late
@@ -209,8 +216,6 @@ bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept {
   }
   return rc == 0;
 }
-
-void ReapEndedThreadsForTesting() noexcept { ReapEnded(); }
 
 pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level) noexcept {
   pthread_attr_t attr;

@@ -112,7 +112,8 @@ void* DeepThenWait(void* started) {
 
 // A burst of threads that end together leaves its stacks behind no longer than it runs.
 TEST_F(PlatformThread, DetachedThreadsLeaveNoStacksOnceABurstHasEnded) {
-  const uintptr_t kStack = 0x28000 + static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t kStack =
+      tw::platform::kDetachedStackBytes + static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
   constexpr int kThreads = 64;
   const int before = MappingsOfSize(kStack);
   std::atomic<int> started{0};
