@@ -2,7 +2,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-
 #include "platform/detached_thread.h"
 #include "platform/thread_internal.h"
 #include "support/test_support.h"
