@@ -9,34 +9,15 @@
 #   sh tests/stress/burst_memory.sh [BUILD_DIR]
 #   exit 0 pass, 1 fail
 set -eu
+name=burst-memory
 here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-dir=$(cd "${1:-build}" && pwd)
-if [ "${TW_IN_NETNS:-}" != 1 ]; then
-  exec sh "$root/scripts/netns-run.sh" sh "$0" "$dir"
-fi
-bin=$dir/tarnwick-mediaserver
-[ -x "$bin" ] || { echo "burst-memory: $bin not built" >&2; exit 1; }
-
-port=19490
-work=$(mktemp -d)
-server=
-cleanup() {
-  [ -n "$server" ] && kill -INT "$server" 2> /dev/null || true
-  wait 2> /dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
+. "$here/lib/common.sh"
 
 ulimit -n 4096  # a thousand connections on each side
-mkdir -p "$work/share" "$work/data"
 head -c 1024 /dev/urandom > "$work/share/small.mp3"
-"$bin" -ip 127.0.0.1 -httpport $port -folder "$work/share" -appdata "$work/data" \
-  > "$work/server.out" 2>&1 &
-server=$!
+start_server 19490 -ip 127.0.0.1
 
-python3 - "$port" "$server" "$work/share/small.mp3" << 'PY' || { echo "---- server output" >&2; tail -20 "$work/server.out" >&2; exit 1; }
+python3 - "$port" "$server" "$work/share/small.mp3" << 'PY' || { server_tail; exit 1; }
 import re, selectors, socket, sys, time
 
 port, pid, media_file = int(sys.argv[1]), int(sys.argv[2]), sys.argv[3]

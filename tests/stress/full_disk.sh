@@ -12,29 +12,13 @@
 #   sh tests/stress/full_disk.sh [BUILD_DIR]
 #   exit 0 pass, 1 fail
 set -eu
+name=full-disk
 here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-dir=$(cd "${1:-build}" && pwd)
-if [ "${TW_IN_NETNS:-}" != 1 ]; then
-  exec sh "$root/scripts/netns-run.sh" sh "$0" "$dir"
-fi
-if [ "${TW_IN_MOUNTNS:-}" != 1 ]; then
-  TW_IN_MOUNTNS=1 exec unshare --mount --propagation private sh "$0" "$dir"
-fi
-bin=$dir/tarnwick-mediaserver
+stress_mount_ns=1
+. "$here/lib/common.sh"
 lib=$dir/libtarnwick_upnp.so
-[ -x "$bin" ] && [ -f "$lib" ] || { echo "full-disk: $bin or $lib not built" >&2; exit 1; }
-
-work=$(mktemp -d)
-server=
-cleanup() {
-  [ -n "$server" ] && kill -INT "$server" 2> /dev/null || true
-  wait 2> /dev/null || true
-  umount "$work/disk" 2> /dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
+[ -f "$lib" ] || { echo "full-disk: $lib not built" >&2; exit 1; }
+cleanup_extra() { umount "$work/disk" 2> /dev/null || true; }
 
 mkdir -p "$work/disk"
 mount -t tmpfs -o size=256k tmpfs "$work/disk"
@@ -149,13 +133,13 @@ mount -t tmpfs -o size=256k tmpfs "$work/disk"
 
 # ---- 2. the example host with its log and appdata on the disk
 port=19460
-mkdir -p "$work/share" "$work/disk/data"
+mkdir -p "$work/disk/data"
 head -c 4096 /dev/urandom > "$work/share/small.mp3"
 "$bin" -ip 127.0.0.1 -httpport $port -folder "$work/share" -appdata "$work/disk/data" \
   -logfile "$work/disk/tarnwick.log" -v 4294967295 > "$work/server.out" 2>&1 &
 server=$!
 python3 "$work/fill.py" "$work/disk/filler"
-python3 - "$port" << 'PY' || { echo "---- server output" >&2; tail -20 "$work/server.out" >&2; exit 1; }
+python3 - "$port" << 'PY' || { server_tail; exit 1; }
 import re, socket, sys, time
 
 port = int(sys.argv[1])

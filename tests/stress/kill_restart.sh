@@ -12,18 +12,9 @@
 #   sh tests/stress/kill_restart.sh [BUILD_DIR]
 #   exit 0 pass, 1 fail
 set -eu
+name=kill-restart
 here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-dir=$(cd "${1:-build}" && pwd)
-if [ "${TW_IN_NETNS:-}" != 1 ]; then
-  exec sh "$root/scripts/netns-run.sh" sh "$0" "$dir"
-fi
-bin=$dir/tarnwick-mediaserver
-[ -x "$bin" ] || { echo "kill-restart: $bin not built" >&2; exit 1; }
-
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/share" "$work/data"
+. "$here/lib/common.sh"
 
 python3 - "$bin" "$work" << 'PY'
 import os, re, signal, socket, struct, subprocess, sys, time

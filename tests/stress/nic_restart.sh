@@ -11,32 +11,14 @@
 #   sh tests/stress/nic_restart.sh [BUILD_DIR]
 #   exit 0 pass, 1 fail
 set -eu
+name=nic-restart
 here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-dir=$(cd "${1:-build}" && pwd)
-if [ "${TW_IN_NETNS:-}" != 1 ]; then
-  exec sh "$root/scripts/netns-run.sh" sh "$0" "$dir"
-fi
-bin=$dir/tarnwick-mediaserver
-[ -x "$bin" ] || { echo "nic-restart: $bin not built" >&2; exit 1; }
+. "$here/lib/common.sh"
 
-port=19480
-work=$(mktemp -d)
-server=
-cleanup() {
-  [ -n "$server" ] && kill -INT "$server" 2> /dev/null || true
-  wait 2> /dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-
-mkdir -p "$work/share" "$work/data"
 head -c 20000 /dev/urandom > "$work/share/small.mp3"
-"$bin" -httpport $port -folder "$work/share" -appdata "$work/data" > "$work/server.out" 2>&1 &
-server=$!
+start_server 19480  # every address of the namespace, so a new one restarts the servers
 
-python3 - "$port" "$server" "$work/server.out" << 'PY' || { echo "---- server output" >&2; grep -v '^kt-' "$work/server.out" | tail -20 >&2; exit 1; }
+python3 - "$port" "$server" "$work/server.out" << 'PY' || { server_tail; exit 1; }
 import os, re, signal, socket, subprocess, sys, threading, time
 
 port, pid, log = int(sys.argv[1]), int(sys.argv[2]), sys.argv[3]

@@ -8,34 +8,15 @@
 #   sh tests/stress/silent_connections.sh [BUILD_DIR]
 #   exit 0 pass, 1 fail
 set -eu
+name=silent-connections
 here=$(cd "$(dirname "$0")" && pwd)
-root=$(cd "$here/../.." && pwd)
-dir=$(cd "${1:-build}" && pwd)
-if [ "${TW_IN_NETNS:-}" != 1 ]; then
-  exec sh "$root/scripts/netns-run.sh" sh "$0" "$dir"
-fi
-bin=$dir/tarnwick-mediaserver
-[ -x "$bin" ] || { echo "silent-connections: $bin not built" >&2; exit 1; }
+. "$here/lib/common.sh"
 ulimit -n 8192
 
-port=19460
-work=$(mktemp -d)
-server=
-cleanup() {
-  [ -n "$server" ] && kill -INT "$server" 2> /dev/null || true
-  wait 2> /dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-
-mkdir -p "$work/share" "$work/data"
 head -c 1024 /dev/urandom > "$work/share/small.mp3"
-"$bin" -ip 127.0.0.1 -httpport $port -folder "$work/share" -appdata "$work/data" \
-  > "$work/server.out" 2>&1 &
-server=$!
+start_server 19460 -ip 127.0.0.1
 
-python3 - "$port" "$server" << 'PY' || { echo "---- server output" >&2; tail -20 "$work/server.out" >&2; exit 1; }
+python3 - "$port" "$server" << 'PY' || { server_tail; exit 1; }
 import re, socket, sys, time
 
 port, pid = int(sys.argv[1]), int(sys.argv[2])
